@@ -1,0 +1,56 @@
+# The two set-up commands are `make run` and `make test`; both install what is
+# missing first (scripts/bootstrap).
+JOBS ?= $(shell nproc)
+ARGS ?=
+FUZZ_SECONDS ?= 60
+
+.PHONY: all bootstrap build run test bench fuzz clean
+
+all: build
+
+bootstrap:
+	@./scripts/bootstrap
+
+build/release/build.ninja:
+	cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA_TESTS=OFF
+
+build: bootstrap build/release/build.ninja
+	cmake --build build/release -j $(JOBS) --target lumora
+
+run: build
+	./build/release/lumora $(ARGS)
+
+build/asan/build.ninja:
+	cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DLUMORA_SANITIZE=ON
+
+test: bootstrap build/asan/build.ninja
+	cmake --build build/asan -j $(JOBS)
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+		ctest --output-on-failure -j $(JOBS)
+
+build/bench/build.ninja:
+	cmake -S . -B build/bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA_TESTS=OFF -DLUMORA_BENCH=ON
+
+bench: bootstrap build/bench/build.ninja
+	cmake --build build/bench -j $(JOBS)
+	@for b in build/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+
+build/fuzz/build.ninja:
+	CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_FUZZ=ON
+
+# Runs every fuzz target in turn; FUZZ_SECONDS is the time for all of them together.
+fuzz: bootstrap build/fuzz/build.ninja
+	cmake --build build/fuzz -j $(JOBS)
+	@targets=$$(ls build/fuzz/*_fuzz); n=$$(echo $$targets | wc -w); \
+	per=$$(( $(FUZZ_SECONDS) / n )); [ $$per -ge 1 ] || per=1; \
+	for t in $$targets; do \
+	  name=$$(basename $$t); corpus=build/fuzz/corpus/$$name; mkdir -p $$corpus; \
+	  seeds=fuzz/seeds/$$name; [ -d $$seeds ] || seeds=; \
+	  echo "== $$name ($$per s)"; \
+	  if ! $$t -max_total_time=$$per -max_len=65536 -print_final_stats=1 $$corpus $$seeds > build/fuzz/$$name.log 2>&1; then \
+	    tail -n 60 build/fuzz/$$name.log; exit 1; fi; \
+	  grep -E '^(Done|stat::number_of_executed_units)' build/fuzz/$$name.log || true; \
+	done
+
+clean:
+	rm -rf build

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace scrivet {
+
+using Date = std::chrono::system_clock::time_point;
+
+// One line of the activity feed under a session row.
+struct ActivityLine {
+    enum class Kind { prompt, reply, tool, ok, error, thinking };
+
+    Kind kind = Kind::reply;
+    std::string text;  // one line, already shortened by the reader
+
+    // The kind's name, "|" and the text: two equal lines are the same list item.
+    std::string id() const;
+    bool operator==(const ActivityLine&) const = default;
+};
+
+std::string_view kindName(ActivityLine::Kind kind);
+
+// One subagent of a session.
+struct SubagentInfo {
+    std::string id;    // the launching tool call's id, or the agent's id
+    std::string type;  // e.g. the subagent_type input
+    std::string task;  // the task description
+    std::optional<std::string> model;
+    std::optional<std::string> action;  // what it is doing now
+    bool isRunning = false;
+    std::optional<long long> tokens;
+    bool operator==(const SubagentInfo&) const = default;
+};
+
+// The kind of a tool call that normally waits for the user.
+enum class PendingApproval { question, edit, run };
+
+// Maps a tool name to the kind it waits as; names are compared exactly.
+std::optional<PendingApproval> pendingApprovalForTool(std::string_view toolName);
+// Seconds the monitor waits before a dangling call of this kind counts as
+// waiting for the user: question 0, edit 6, run 20.
+int delaySeconds(PendingApproval kind);
+std::string_view kindName(PendingApproval kind);
+
+// A question an agent asks the user (display only; it is answered in the agent).
+struct PendingQuestion {
+    std::string text;                  // the first question, on one line
+    std::vector<std::string> options;  // its option labels, in order
+    int moreCount = 0;                 // further questions after the first
+
+    // "1 SQLite   2 Postgres   +1 more".
+    std::string optionsLine() const;
+    bool operator==(const PendingQuestion&) const = default;
+};
+
+// The facts of one session as read from its journal.
+struct TranscriptInfo {
+    Date lastModified{};
+    std::optional<std::string> summary;
+    std::optional<std::string> gitBranch;
+    std::optional<std::string> sessionId;
+    std::optional<std::string> model;
+    std::optional<long long> contextTokens;
+    std::optional<long long> contextMax;
+    bool contextMaxEstimated = false;
+    bool inProgress = false;
+    std::optional<PendingApproval> pendingApproval;
+    bool endsWithQuestion = false;
+    bool awaitingFirstReply = false;
+    std::vector<ActivityLine> recentActivity;  // oldest first
+    int subagentCount = 0;
+    std::vector<SubagentInfo> subagents;
+    bool hasRealTurn = false;
+    int pendingBackgroundAgents = 0;
+    bool recentSubagentActivity = false;
+    Date created{};
+    Date lastEntryDate{};
+    std::optional<std::string> topic;
+
+    bool operator==(const TranscriptInfo&) const = default;
+};
+
+// Collapses every run of newlines and other blanks into one space and trims.
+std::string collapseWhitespace(std::string_view text);
+
+// Shortens to at most `maxChars` characters (UTF-8 aware), ending in "…" when cut.
+std::string truncateText(std::string_view text, size_t maxChars);
+
+}  // namespace scrivet

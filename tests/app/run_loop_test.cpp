@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <atomic>
+#include <thread>
+
+#include "lumora/app/run_loop.hpp"
+#include "lumora/app/serial_queue.hpp"
+
+using namespace lumora;
+using namespace std::chrono_literals;
+
+TEST(RunLoop, RunsPostedTasksInOrderOnTheLoopThread) {
+    RunLoop loop;
+    std::vector<int> seen;
+    std::thread::id ranOn;
+    std::thread poster([&] {
+        for (int i = 0; i < 5; ++i) loop.post([&, i] {
+            seen.push_back(i);
+            ranOn = std::this_thread::get_id();
+        });
+    });
+    poster.join();
+    EXPECT_TRUE(loop.runUntil([&] { return seen.size() == 5; }, 2s));
+    EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4}));
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    EXPECT_TRUE(loop.isLoopThread());
+}
+
+TEST(RunLoop, TimersRepeatUntilCancelledAndOneShotsFireOnce) {
+    RunLoop loop;
+    int ticks = 0, once = 0;
+    RunLoop::TimerId timer = loop.addTimer(5ms, [&] {
+        if (++ticks == 3) loop.cancelTimer(timer);
+    });
+    loop.postAfter(10ms, [&] { ++once; });
+    auto cancelled = loop.addTimer(1ms, [&] { FAIL() << "a cancelled timer fired"; });
+    loop.cancelTimer(cancelled);
+    EXPECT_TRUE(loop.runUntil([&] { return ticks == 3 && once == 1; }, 2s));
+    loop.runOnce(30ms);
+    EXPECT_EQ(ticks, 3);
+    EXPECT_EQ(once, 1);
+    EXPECT_FALSE(loop.nextDeadline());
+}
+
+TEST(RunLoop, WakeDescriptorTurnsReadableWhenWorkArrives) {
+    RunLoop loop;
+    loop.runOnce();
+    pollfd p{loop.wakeFd(), POLLIN, 0};
+    EXPECT_EQ(::poll(&p, 1, 0), 0);
+    std::thread([&] { loop.post([] {}); }).join();
+    EXPECT_EQ(::poll(&p, 1, 1000), 1);
+    EXPECT_EQ(loop.runOnce(), 1u);
+    EXPECT_EQ(::poll(&p, 1, 0), 0);
+}
+
+TEST(RunLoop, StopEndsRun) {
+    RunLoop loop;
+    int n = 0;
+    loop.addTimer(2ms, [&] {
+        if (++n == 4) loop.stop();
+    });
+    loop.run();
+    EXPECT_EQ(n, 4);
+}
+
+TEST(SerialQueue, RunsTasksOneAtATimeInOrder) {
+    std::vector<int> order;
+    std::atomic<int> running{0}, maxRunning{0};
+    {
+        SerialQueue queue("test.queue");
+        for (int i = 0; i < 50; ++i) {
+            queue.async([&, i] {
+                int now = ++running;
+                maxRunning = std::max(maxRunning.load(), now);
+                order.push_back(i);
+                --running;
+            });
+        }
+        bool onQueue = false;
+        queue.sync([&] { onQueue = queue.isCurrent(); });
+        EXPECT_TRUE(onQueue);
+        EXPECT_FALSE(queue.isCurrent());
+        EXPECT_EQ(order.size(), 50u);
+        // sync from the queue itself runs inline instead of deadlocking.
+        queue.sync([&] { queue.sync([&] { order.push_back(99); }); });
+    }
+    EXPECT_EQ(maxRunning.load(), 1);
+    EXPECT_EQ(order.back(), 99);
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(order[i], i);
+}

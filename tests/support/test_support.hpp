@@ -1,0 +1,68 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace lumora::test {
+
+namespace fs = std::filesystem;
+
+// A fresh folder under the run's temporary home, removed when it goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const fs::path& path() const { return path_; }
+    fs::path operator/(const fs::path& p) const { return path_ / p; }
+
+private:
+    fs::path path_;
+};
+
+// Sets an environment variable for the scope, restoring the old value after.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, std::optional<std::string> value);
+    ~ScopedEnv();
+
+private:
+    std::string name_;
+    std::optional<std::string> old_;
+};
+
+// Points HOME and the XDG folders at a fresh temporary folder for the scope,
+// so a test sees an empty home of its own.
+class TempHome {
+public:
+    TempHome();
+    const fs::path& path() const { return dir_.path(); }
+    fs::path operator/(const fs::path& p) const { return dir_.path() / p; }
+
+private:
+    TempDir dir_;
+    ScopedEnv home_, data_, config_, cache_, state_, socket_;
+};
+
+void writeFile(const fs::path& file, std::string_view contents);
+std::string readFile(const fs::path& file);
+// Sets a file's modification time to `when`.
+void setMtime(const fs::path& file, std::chrono::system_clock::time_point when);
+
+// The real agents' sample files beside the repository (shared/samples).
+fs::path samplesDir();
+// The built `lumora` executable.
+fs::path lumoraBinary();
+
+// Runs a shell command; returns its exit status and captured standard output.
+struct CommandResult {
+    int status = -1;
+    std::string output;
+};
+CommandResult runCommand(const std::string& command);
+
+}  // namespace lumora::test
