@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "lumora/app/hooks_command.hpp"
 #include "lumora/app/log.hpp"
 #include "lumora/platform/paths.hpp"
 
@@ -26,6 +27,8 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", std::string("lumora ") + LUMORA_VERSION);
     bool paths = false;
     app.add_flag("--paths", paths, "Print every folder and file Lumora uses");
+    HooksCommand::Flags hookFlags;
+    HooksCommand::addFlags(app, hookFlags);
 
     try {
         app.parse(argc, argv);
@@ -35,6 +38,9 @@ int run(int argc, char** argv) {
     Log::toStderr();
 
     if (paths) return printPaths();
+    if (HooksCommand::requested(hookFlags)) return HooksCommand::run(hookFlags, std::cout, std::cerr);
+
+    HooksCommand::refreshAtStart();
 
     std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
     return 0;

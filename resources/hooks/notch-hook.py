@@ -1,0 +1,183 @@
+#!/usr/bin/env python3
+# Managed by Lumora: do not edit, it is rewritten whenever Lumora starts.
+# notch-cc-hook v8
+#
+# Claude Code hook. Reports turn state, questions and permission prompts to
+# Lumora over its Unix socket and, for a permission prompt, prints Lumora's
+# decision. Every failure is silent: when Lumora is not running, Claude Code
+# shows its own prompt.
+import json
+import os
+import socket
+import sys
+import time
+
+CONNECT_TIMEOUT = 3.0
+GATE_TIMEOUT = 1795.0
+MAX_INPUT = 32 * 1024 * 1024
+SOURCE = "claude"
+
+
+def home():
+    h = os.environ.get("HOME")
+    if h:
+        return h
+    try:
+        import pwd
+        return pwd.getpwuid(os.getuid()).pw_dir or "/"
+    except Exception:
+        return "/"
+
+
+def socket_path():
+    override = os.environ.get("LUMORA_SOCKET")
+    if override:
+        return override
+    if sys.platform == "darwin":
+        return os.path.join(home(), "Library", "Application Support", "Lumora", "notch.sock")
+    data = os.environ.get("XDG_DATA_HOME", "")
+    if not data.startswith("/"):
+        data = os.path.join(home(), ".local", "share")
+    return os.path.join(data, "lumora", "notch.sock")
+
+
+def send(message, wait=None):
+    """Writes one line; with `wait` seconds, returns the reply's behavior (or None)."""
+    sock = None
+    try:
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        sock.settimeout(CONNECT_TIMEOUT)
+        sock.connect(socket_path())
+        sock.sendall((json.dumps(message, separators=(",", ":")) + "\n").encode("utf-8"))
+        if wait is None:
+            return None
+        deadline = time.monotonic() + wait
+        buffer = b""
+        while b"\n" not in buffer:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                return None
+            sock.settimeout(left)
+            chunk = sock.recv(4096)
+            if not chunk:
+                break
+            buffer += chunk
+        reply = json.loads(buffer.split(b"\n", 1)[0].decode("utf-8"))
+        behavior = reply.get("behavior") if isinstance(reply, dict) else None
+        return behavior if behavior in ("allow", "deny") else None
+    except Exception:
+        return None
+    finally:
+        if sock is not None:
+            try:
+                sock.close()
+            except Exception:
+                pass
+
+
+def text(value):
+    return value if isinstance(value, str) else ""
+
+
+def read_input():
+    raw = sys.stdin.buffer.read(MAX_INPUT + 1)
+    if not raw or len(raw) > MAX_INPUT:
+        return None
+    data = json.loads(raw.decode("utf-8"))
+    return data if isinstance(data, dict) else None
+
+
+def question_fields(tool_input):
+    questions = tool_input.get("questions")
+    if not isinstance(questions, list) or not questions:
+        return {}
+    first = questions[0] if isinstance(questions[0], dict) else {}
+    labels = []
+    for option in first.get("options") or []:
+        label = text(option.get("label")) if isinstance(option, dict) else text(option)
+        label = label.strip()
+        if label:
+            labels.append(label[:120])
+        if len(labels) == 8:
+            break
+    return {
+        "detail": text(first.get("question")).strip()[:500],
+        "options": labels,
+        "more_questions": len(questions) - 1,
+    }
+
+
+def main():
+    action = sys.argv[1] if len(sys.argv) > 1 else "marker"
+    data = read_input()
+    if data is None:
+        return
+    session_id = text(data.get("session_id"))
+    if not session_id:
+        return
+    tool_name = text(data.get("tool_name"))
+    tool_input = data.get("tool_input") if isinstance(data.get("tool_input"), dict) else {}
+    message = {"v": 1, "source": SOURCE, "session_id": session_id, "action": action}
+    cwd = text(data.get("cwd"))
+    if cwd:
+        message["cwd"] = cwd
+    if tool_name:
+        message["tool_name"] = tool_name
+
+    if action in ("clear", "start", "busy", "busydone", "done"):
+        send(message)
+        return
+
+    detail = ""
+    for key in ("command", "file_path", "path", "description"):
+        detail = text(tool_input.get(key))
+        if detail:
+            break
+    if detail:
+        message["detail"] = detail
+    if text(tool_input.get("command")) and text(tool_input.get("description")):
+        message["reason"] = text(tool_input.get("description"))
+
+    if action == "ask":
+        message["action"] = "marker"
+        if tool_name == "ExitPlanMode":
+            message["kind"] = "plan"
+        else:
+            message["kind"] = "question"
+            message.pop("detail", None)
+            message.update(question_fields(tool_input))
+        send(message)
+    elif action == "idle":
+        message["action"] = "marker"
+        message["kind"] = "idle"
+        note = text(data.get("message"))
+        if note and "detail" not in message:
+            message["detail"] = note
+        send(message)
+    elif action == "gate":
+        if tool_name in ("AskUserQuestion", "ExitPlanMode"):
+            return
+        behavior = send(message, wait=GATE_TIMEOUT)
+        if behavior == "allow":
+            decision = {"behavior": "allow", "updatedInput": tool_input}
+        elif behavior == "deny":
+            decision = {"behavior": "deny", "message": "Denied from Lumora"}
+        else:
+            return
+        output = {"hookSpecificOutput": {"hookEventName": "PermissionRequest", "decision": decision}}
+        sys.stdout.write(json.dumps(output) + "\n")
+        sys.stdout.flush()
+    else:
+        send(message)
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except BaseException:
+        pass
+    try:
+        sys.stdout.flush()
+    except BaseException:
+        pass
+    os._exit(0)

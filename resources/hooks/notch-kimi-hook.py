@@ -1,0 +1,132 @@
+#!/usr/bin/env python3
+# Managed by Lumora: do not edit, it is rewritten whenever Lumora starts.
+# notch-kimi-hook v2
+#
+# Kimi hook. Turns Kimi's notifications into Lumora "needs you" markers and
+# clears them when a turn starts or ends. Kimi is never gated, and every
+# failure is silent.
+import json
+import os
+import socket
+import sys
+
+CONNECT_TIMEOUT = 3.0
+MAX_INPUT = 32 * 1024 * 1024
+SOURCE = "kimi"
+
+PERMISSION_WORDS = ("permission", "approval", "approve")
+QUESTION_WORDS = ("question", "waiting for your", "needs your", "waiting for input")
+DETAIL_KEYS = ("message", "title", "text", "body", "notification")
+
+
+def home():
+    h = os.environ.get("HOME")
+    if h:
+        return h
+    try:
+        import pwd
+        return pwd.getpwuid(os.getuid()).pw_dir or "/"
+    except Exception:
+        return "/"
+
+
+def socket_path():
+    override = os.environ.get("LUMORA_SOCKET")
+    if override:
+        return override
+    if sys.platform == "darwin":
+        return os.path.join(home(), "Library", "Application Support", "Lumora", "notch.sock")
+    data = os.environ.get("XDG_DATA_HOME", "")
+    if not data.startswith("/"):
+        data = os.path.join(home(), ".local", "share")
+    return os.path.join(data, "lumora", "notch.sock")
+
+
+def send(message):
+    sock = None
+    try:
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        sock.settimeout(CONNECT_TIMEOUT)
+        sock.connect(socket_path())
+        sock.sendall((json.dumps(message, separators=(",", ":")) + "\n").encode("utf-8"))
+    except Exception:
+        pass
+    finally:
+        if sock is not None:
+            try:
+                sock.close()
+            except Exception:
+                pass
+
+
+def text(value):
+    return value if isinstance(value, str) else ""
+
+
+def read_input():
+    raw = sys.stdin.buffer.read(MAX_INPUT + 1)
+    if not raw or len(raw) > MAX_INPUT:
+        return None
+    data = json.loads(raw.decode("utf-8"))
+    return data if isinstance(data, dict) else None
+
+
+def strings(value, depth=0):
+    """Every string in the payload, at most three levels deep."""
+    if isinstance(value, str):
+        yield value
+    elif depth < 3 and isinstance(value, dict):
+        for item in value.values():
+            yield from strings(item, depth + 1)
+    elif depth < 3 and isinstance(value, list):
+        for item in value:
+            yield from strings(item, depth + 1)
+
+
+def main():
+    action = sys.argv[1] if len(sys.argv) > 1 else "clear"
+    data = read_input()
+    if data is None:
+        return
+    session_id = text(data.get("session_id"))
+    if not session_id:
+        return
+    message = {"v": 1, "source": SOURCE, "session_id": session_id}
+    cwd = text(data.get("cwd"))
+    if cwd:
+        message["cwd"] = cwd
+
+    if action != "notify":
+        message["action"] = "clear"
+        send(message)
+        return
+
+    blob = " ".join(strings(data)).lower()
+    if any(word in blob for word in PERMISSION_WORDS):
+        kind = "permission"
+    elif any(word in blob for word in QUESTION_WORDS):
+        kind = "question"
+    else:
+        message["action"] = "observe"
+        message["detail"] = ",".join(sorted(str(k) for k in data))[:200]
+        send(message)
+        return
+    message["action"] = "marker"
+    message["kind"] = kind
+    for key in DETAIL_KEYS:
+        detail = text(data.get(key)).strip()
+        if detail:
+            message["detail"] = detail
+            break
+    tool_name = text(data.get("tool_name"))
+    if tool_name:
+        message["tool_name"] = tool_name
+    send(message)
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except BaseException:
+        pass
+    os._exit(0)

@@ -1,0 +1,66 @@
+// The self-test's adapter over the app's hook bridge.
+#include "lumora/hooks/hook_self_test.hpp"
+
+#if __has_include("lumora/hooks/hook_bridge.hpp")
+#include <algorithm>
+
+#include "lumora/app/defaults_store.hpp"
+#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/hooks/hook_bridge.hpp"
+
+namespace lumora::HookSelfTest {
+
+namespace {
+
+class AppBridge : public Bridge {
+public:
+    AppBridge(const fs::path& socket, const fs::path& folder)
+        : defaults_(folder / "defaults.json"), rules_(defaults_), bridge_(socket, folder, rules_, options()) {}
+
+    bool start() override { return bridge_.start(); }
+    void stop() override { bridge_.stop(); }
+    void setGating(bool enabled) override { bridge_.setGating(enabled); }
+    void resolve(const std::string& sessionId, bool allow) override { bridge_.resolve(sessionId, allow); }
+    bool hasMarker(const std::string& source, const std::string& sessionId) override {
+        std::vector<AttentionMarker> markers = source == "codex"      ? bridge_.codexMarkers()
+                                               : source == "kimi"     ? bridge_.kimiMarkers()
+                                               : source == "opencode" ? bridge_.openCodeMarkers()
+                                                                      : bridge_.claudeMarkers();
+        return std::any_of(markers.begin(), markers.end(),
+                           [&](const AttentionMarker& m) { return m.sessionId == sessionId; });
+    }
+    bool hasHeldGate(const std::string& sessionId) override { return bridge_.hasHeldGate(sessionId); }
+    bool hasCursorPending(const std::string& conversationId) override {
+        return bridge_.cursorPending(std::chrono::system_clock::now()).count(conversationId) > 0;
+    }
+
+private:
+    static HookBridgeOptions options() {
+        HookBridgeOptions o;
+        o.traceFile = std::nullopt;
+        o.saveAfterChange = false;
+        return o;
+    }
+
+    DefaultsStore defaults_;
+    ApprovalRulesStore rules_;
+    HookBridge bridge_;
+};
+
+}  // namespace
+
+std::unique_ptr<Bridge> makeBridge(const fs::path& socket, const fs::path& folder) {
+    return std::make_unique<AppBridge>(socket, folder);
+}
+
+}  // namespace lumora::HookSelfTest
+
+#else
+
+namespace lumora::HookSelfTest {
+
+std::unique_ptr<Bridge> makeBridge(const fs::path&, const fs::path&) { return nullptr; }
+
+}  // namespace lumora::HookSelfTest
+
+#endif

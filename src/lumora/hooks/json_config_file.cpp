@@ -1,0 +1,139 @@
+#include "lumora/hooks/json_config_file.hpp"
+
+#include <system_error>
+
+#include "lumora/app/file_util.hpp"
+
+namespace lumora::JSONConfigFile {
+
+namespace {
+
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+// Drops every comma that is followed (after whitespace) by `}` or `]`, outside strings.
+std::string withoutTrailingCommas(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    bool inString = false, escaped = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (inString) {
+            if (escaped) escaped = false;
+            else if (c == '\\') escaped = true;
+            else if (c == '"') inString = false;
+            out += c;
+            continue;
+        }
+        if (c == '"') inString = true;
+        if (c == ',') {
+            size_t j = i + 1;
+            while (j < text.size() && isSpace(text[j])) ++j;
+            if (j < text.size() && (text[j] == '}' || text[j] == ']')) continue;
+        }
+        out += c;
+    }
+    return out;
+}
+
+struct Layout {
+    int width = 2;
+    char fill = ' ';
+    bool finalNewline = true;
+};
+
+// The indent unit of the first indented line, and whether the text ends in a newline.
+Layout layoutOf(std::string_view text) {
+    Layout layout;
+    if (text.empty()) return layout;
+    layout.finalNewline = text.back() == '\n';
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t eol = text.find('\n', pos);
+        if (eol == std::string_view::npos) break;
+        size_t start = eol + 1, i = start;
+        while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
+        if (i > start && i < text.size() && text[i] != '\n' && text[i] != '\r') {
+            layout.fill = text[start];
+            layout.width = static_cast<int>(i - start);
+            return layout;
+        }
+        pos = start;
+    }
+    return layout;
+}
+
+}  // namespace
+
+std::optional<Json> Contents::mergeable() const {
+    switch (kind) {
+        case Kind::missing: return Json::object();
+        case Kind::object: return object;
+        case Kind::unreadable: return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+Contents parse(std::string_view text) {
+    Contents contents;
+    contents.text = std::string(text);
+    bool blank = true;
+    for (char c : text) {
+        if (!isSpace(c)) {
+            blank = false;
+            break;
+        }
+    }
+    if (blank) {
+        contents.kind = Contents::Kind::missing;
+        return contents;
+    }
+    Json parsed = Json::parse(withoutTrailingCommas(text), nullptr, /*allow_exceptions=*/false,
+                              /*ignore_comments=*/false);
+    if (parsed.is_discarded() || !parsed.is_object()) {
+        contents.kind = Contents::Kind::unreadable;
+        return contents;
+    }
+    contents.kind = Contents::Kind::object;
+    contents.object = std::move(parsed);
+    return contents;
+}
+
+Contents load(const fs::path& file) {
+    std::error_code ec;
+    if (!fs::exists(file, ec)) {
+        if (fs::is_symlink(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}};
+        return Contents{};
+    }
+    auto text = FileUtil::readFile(file);
+    if (!text || fs::is_directory(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}};
+    return parse(*text);
+}
+
+fs::path backupURL(const fs::path& file) { return fs::path(file.string() + ".notch-backup"); }
+
+std::string serialise(const Json& object, const WriteOptions& options) {
+    Layout layout = layoutOf(options.layoutFrom);
+    std::string out = object.dump(layout.width, layout.fill, /*ensure_ascii=*/false, Json::error_handler_t::replace);
+    if (layout.finalNewline) out += '\n';
+    return out;
+}
+
+bool writeText(std::string_view text, const fs::path& file) {
+    std::error_code ec;
+    bool exists = fs::exists(file, ec);
+    if (exists) {
+        auto current = FileUtil::readFile(file);
+        if (!current) return false;
+        if (*current == text) return true;
+        if (!FileUtil::writeAtomically(backupURL(file), *current, 0600)) return false;
+    } else {
+        fs::create_directories(file.parent_path(), ec);
+    }
+    return FileUtil::writeAtomically(file, text, 0644);
+}
+
+bool write(const Json& object, const fs::path& file, const WriteOptions& options) {
+    return writeText(serialise(object, options), file);
+}
+
+}  // namespace lumora::JSONConfigFile
