@@ -110,7 +110,13 @@ bool writeConfig(const std::string& current, const std::string& text) {
     if (text == current) return true;
     std::error_code ec;
     if (fs::exists(configPath(), ec)) {
-        if (!FileUtil::writeAtomically(datedBackupPath(std::chrono::system_clock::now()), current, 0600)) return false;
+        // Two changes within a second keep both backups: the later one gets a counter.
+        fs::path backup = datedBackupPath(std::chrono::system_clock::now());
+        for (int n = 1; fs::exists(backup, ec); ++n) {
+            backup = datedBackupPath(std::chrono::system_clock::now());
+            backup += "." + std::to_string(n);
+        }
+        if (!FileUtil::writeAtomically(backup, current, 0600)) return false;
     }
     fs::create_directories(configPath().parent_path(), ec);
     return FileUtil::writeAtomically(configPath(), text, 0600);
@@ -245,7 +251,18 @@ std::vector<fs::path> configBackups() {
     for (const auto& entry : fs::directory_iterator(configPath().parent_path(), ec)) {
         if (entry.path().filename().string().rfind("config.toml.notch-backup-", 0) == 0) backups.push_back(entry.path());
     }
-    std::sort(backups.begin(), backups.end());
+    // By time, then by counter ("…Z" before "…Z.1" before "…Z.2").
+    std::sort(backups.begin(), backups.end(), [](const fs::path& a, const fs::path& b) {
+        auto key = [](const fs::path& p) {
+            std::string name = p.filename().string();
+            size_t z = name.rfind('Z');
+            std::string stamp = z == std::string::npos ? name : name.substr(0, z + 1);
+            long counter = 0;
+            if (z != std::string::npos && z + 2 < name.size()) counter = std::strtol(name.c_str() + z + 2, nullptr, 10);
+            return std::make_pair(stamp, counter);
+        };
+        return key(a) < key(b);
+    });
     return backups;
 }
 

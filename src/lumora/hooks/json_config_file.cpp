@@ -28,7 +28,10 @@ std::string withoutTrailingCommas(std::string_view text) {
         if (c == ',') {
             size_t j = i + 1;
             while (j < text.size() && isSpace(text[j])) ++j;
-            if (j < text.size() && (text[j] == '}' || text[j] == ']')) continue;
+            size_t k = out.size();
+            while (k > 0 && isSpace(out[k - 1])) --k;
+            bool afterValue = k > 0 && out[k - 1] != '{' && out[k - 1] != '[' && out[k - 1] != ',';
+            if (afterValue && j < text.size() && (text[j] == '}' || text[j] == ']')) continue;
         }
         out += c;
     }
