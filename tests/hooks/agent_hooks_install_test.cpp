@@ -428,3 +428,23 @@ TEST(HooksCommandLine, FlagsRunThroughTheBinary) {
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_FALSE(AttentionHooks::hasOurEntries());
 }
+
+TEST(PythonLocator, TheFirstCandidateThatPassesTheProbeWins) {
+    TempHome home;
+    auto candidates = PythonLocator::candidates();
+    ASSERT_FALSE(candidates.empty());
+    for (const auto& c : candidates) EXPECT_TRUE(c.is_absolute()) << c;
+    EXPECT_TRUE(PythonLocator::passesProbe(candidates[0]));
+
+    fs::path broken = home / "bin/python3";
+    test::writeFile(broken, "#!/bin/sh\necho nope\n");
+    fs::permissions(broken, fs::perms::owner_all);
+    LogCapture log;
+    EXPECT_FALSE(PythonLocator::passesProbe(broken));
+    EXPECT_EQ(PythonLocator::locate({broken, candidates[0]}), candidates[0]);
+    EXPECT_NE(log.text().find("Lumora: python3 at " + broken.string() +
+                              " failed the import probe — hook bridges unavailable"),
+              std::string::npos);
+    EXPECT_EQ(PythonLocator::locate({}), std::nullopt);
+    EXPECT_NE(log.text().find("Lumora: no usable python3 found — hook bridges unavailable"), std::string::npos);
+}
