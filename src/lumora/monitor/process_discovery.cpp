@@ -88,7 +88,10 @@ double ProcessDiscovery::cpuPercent(const ProcessInfo& p, std::chrono::steady_cl
 
 ProcessDiscovery::Pass ProcessDiscovery::run() {
     Pass pass;
-    pass.snapshot = table_.snapshot();
+    // Only agents need their working directory and executable read.
+    SnapshotOptions options;
+    options.wantsDetails = [](const ProcessInfo& p) { return AgentProcessFinder::provider(p).has_value(); };
+    pass.snapshot = table_.snapshot(options);
     const ProcessSnapshot& snap = pass.snapshot;
     hosts_.evict(snap);
 

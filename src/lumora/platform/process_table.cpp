@@ -13,7 +13,14 @@ const ProcessInfo* ProcessSnapshot::find(int32_t pid) const {
     return it == byPid_.end() ? nullptr : &processes_[it->second];
 }
 
-ProcessSnapshot FixedProcessTable::snapshot() { return ProcessSnapshot(processes_); }
+ProcessSnapshot FixedProcessTable::snapshot(const SnapshotOptions& options) {
+    if (!options.wantsDetails) return ProcessSnapshot(processes_);
+    std::vector<ProcessInfo> out = processes_;
+    for (auto& p : out) {
+        if (!options.wantsDetails(p)) p.cwd.reset(), p.executable.reset();
+    }
+    return ProcessSnapshot(std::move(out));
+}
 
 std::map<std::string, std::string> FixedProcessTable::environment(int32_t pid, const std::vector<std::string>& names) {
     std::map<std::string, std::string> out;

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -30,7 +31,6 @@ struct ProcessInfo {
     uint64_t startTicks = 0;                 // start in clock ticks since boot (0 when unknown)
     double cpuSeconds = 0;                   // processor time used so far (user + system)
     std::optional<std::string> tty;          // controlling terminal, e.g. "pts/3"
-    uint32_t uid = 0;
 
     bool operator==(const ProcessInfo&) const = default;
 };
@@ -54,13 +54,23 @@ private:
     std::chrono::steady_clock::time_point takenAt_{};
 };
 
+// Which processes a snapshot reads in full. The working directory and the
+// executable cost as much to read as the rest together, and most processes
+// are never asked about them.
+struct SnapshotOptions {
+    // Decides from the facts read so far (pid, parents, command line, times)
+    // whether to read `cwd` and `executable` too; unset reads them for all.
+    std::function<bool(const ProcessInfo&)> wantsDetails;
+};
+
 class ProcessTable {
 public:
     virtual ~ProcessTable() = default;
 
     // Lists every process we can see. A process that exits while it is being
     // read, or whose basic facts we may not read, is left out.
-    virtual ProcessSnapshot snapshot() = 0;
+    virtual ProcessSnapshot snapshot(const SnapshotOptions& options) = 0;
+    ProcessSnapshot snapshot() { return snapshot(SnapshotOptions{}); }
     // The values of the named environment variables of one process; a
     // variable that is unset, or a process we may not inspect, is left out.
     virtual std::map<std::string, std::string> environment(int32_t pid, const std::vector<std::string>& names) = 0;
@@ -87,7 +97,8 @@ public:
     void setEnvironment(int32_t pid, std::map<std::string, std::string> env) { env_[pid] = std::move(env); }
     void setLaunchUnit(int32_t pid, std::string unit) { units_[pid] = std::move(unit); }
 
-    ProcessSnapshot snapshot() override;
+    using ProcessTable::snapshot;
+    ProcessSnapshot snapshot(const SnapshotOptions& options) override;
     std::map<std::string, std::string> environment(int32_t pid, const std::vector<std::string>& names) override;
     std::optional<std::string> launchUnit(int32_t pid) override;
     int32_t selfPid() const override { return 0; }

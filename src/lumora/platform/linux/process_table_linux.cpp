@@ -1,16 +1,16 @@
 // The process table read from /proc. One snapshot walks /proc once and reads,
-// per process, its stat line, its command line and the two links for the
-// working directory and the executable, through a directory descriptor so a
-// pid that is reused mid-pass cannot mix two processes' facts.
+// per process, its stat line and its command line, and for the processes the
+// caller asks about the two links for the working directory and the executable.
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <unordered_map>
 #include <string_view>
 
 #include "lumora/platform/process_table.hpp"
@@ -30,7 +30,8 @@ bool readAt(int dirFd, const char* name, std::string& out, size_t limit = 1 << 2
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         out.append(buf, static_cast<size_t>(n));
-        if (out.size() >= limit) break;
+        // /proc hands out all it has per read; a short read is the end.
+        if (static_cast<size_t>(n) < sizeof buf || out.size() >= limit) break;
     }
     ::close(fd);
     return true;
@@ -56,7 +57,7 @@ std::optional<std::string> ttyName(long long ttyNr) {
 
 // Parses /proc/<pid>/stat. The name sits in parentheses and may itself hold
 // blanks and parentheses, so the fields are counted from the last ')'.
-bool parseStat(const std::string& text, ProcessInfo& p, double ticksPerSecond) {
+bool parseStat(const std::string& text, ProcessInfo& p, double ticksPerSecond, bool& kernelThread) {
     size_t open = text.find('(');
     size_t close = text.rfind(')');
     if (open == std::string::npos || close == std::string::npos || close < open) return false;
@@ -78,6 +79,8 @@ bool parseStat(const std::string& text, ProcessInfo& p, double ticksPerSecond) {
     }
     if (index <= 22) return false;
     p.ppid = static_cast<int32_t>(field[4]);
+    constexpr unsigned long long kThreadFlag = 0x00200000;  // PF_KTHREAD
+    kernelThread = (field[9] & kThreadFlag) != 0;
     p.tty = ttyName(static_cast<long long>(field[7]));
     p.cpuSeconds = static_cast<double>(field[14] + field[15]) / ticksPerSecond;
     p.startTicks = field[22];
@@ -111,7 +114,7 @@ public:
         ticksPerSecond_ = hz > 0 ? static_cast<double>(hz) : 100.0;
     }
 
-    ProcessSnapshot snapshot() override {
+    ProcessSnapshot snapshot(const SnapshotOptions& options) override {
         std::vector<ProcessInfo> out;
         int procFd = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (procFd < 0) return ProcessSnapshot();
@@ -125,25 +128,41 @@ public:
         double bootEpoch = seconds(CLOCK_REALTIME) - seconds(CLOCK_BOOTTIME);
         out.reserve(512);
         std::string buf;
+        std::lock_guard lock(mutex_);
+        auto& commands = commands_;
+        std::unordered_map<int32_t, CommandLine> fresh;
+        fresh.reserve(commands.size() + 64);
         while (dirent* e = ::readdir(dir)) {
             const char* n = e->d_name;
             if (*n < '1' || *n > '9') continue;
             char* endp = nullptr;
             long pid = std::strtol(n, &endp, 10);
             if (*endp != '\0') continue;
-            int pidFd = ::openat(procFd, n, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            if (pidFd < 0) continue;  // gone
+            // Relative names under /proc ("123/stat"): a pid is not reused
+            // within the microseconds between two reads of one process.
+            std::string base = std::string(n) + "/";
+            auto name = [&](const char* file) { return base + file; };
             ProcessInfo p;
             p.pid = static_cast<int32_t>(pid);
-            struct stat st{};
-            if (::fstat(pidFd, &st) == 0) p.uid = st.st_uid;
-            if (!readAt(pidFd, "stat", buf) || !parseStat(buf, p, ticksPerSecond_)) {
-                ::close(pidFd);
-                continue;
+            bool kernelThread = false;
+            if (!readAt(procFd, name("stat").c_str(), buf) || !parseStat(buf, p, ticksPerSecond_, kernelThread))
+                continue;  // gone
+            // Kernel threads have no command line, folder or executable to read.
+            if (!kernelThread) {
+                // A command line seldom changes, so it is read once per process.
+                auto known = commands.find(p.pid);
+                if (known != commands.end() && known->second.startTicks == p.startTicks) {
+                    p.command = known->second.command;
+                    p.arguments = known->second.arguments;
+                } else if (readAt(procFd, name("cmdline").c_str(), buf)) {
+                    parseCmdline(buf, p);
+                }
+                fresh[p.pid] = CommandLine{p.startTicks, p.command, p.arguments};
+                if (!options.wantsDetails || options.wantsDetails(p)) {
+                    p.cwd = readLinkAt(procFd, name("cwd").c_str());
+                    p.executable = readLinkAt(procFd, name("exe").c_str());
+                }
             }
-            if (readAt(pidFd, "cmdline", buf)) parseCmdline(buf, p);
-            p.cwd = readLinkAt(pidFd, "cwd");
-            p.executable = readLinkAt(pidFd, "exe");
             if (p.executable) {
                 // A replaced executable reads as "<path> (deleted)".
                 static constexpr std::string_view deleted = " (deleted)";
@@ -152,10 +171,10 @@ public:
             double startEpoch = bootEpoch + static_cast<double>(p.startTicks) / ticksPerSecond_;
             p.start = ProcessClock::time_point(std::chrono::duration_cast<ProcessClock::duration>(
                 std::chrono::duration<double>(startEpoch)));
-            ::close(pidFd);
             out.push_back(std::move(p));
         }
         ::closedir(dir);
+        commands_ = std::move(fresh);
         return ProcessSnapshot(std::move(out), takenAt);
     }
 
@@ -218,7 +237,15 @@ public:
     int32_t selfPid() const override { return static_cast<int32_t>(::getpid()); }
 
 private:
+    struct CommandLine {
+        uint64_t startTicks = 0;
+        std::string command;
+        std::vector<std::string> arguments;
+    };
+
     double ticksPerSecond_ = 100.0;
+    std::mutex mutex_;
+    std::unordered_map<int32_t, CommandLine> commands_;  // by pid, as of the last snapshot
 };
 
 }  // namespace
