@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "lumora/app/log.hpp"
+#include "lumora/app/processes_command.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora::CommandLine {
@@ -26,6 +27,8 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", std::string("lumora ") + LUMORA_VERSION);
     bool paths = false;
     app.add_flag("--paths", paths, "Print every folder and file Lumora uses");
+    bool processes = false;
+    app.add_flag("--processes", processes, "Print every agent process with its session, host and repository");
 
     try {
         app.parse(argc, argv);
@@ -35,6 +38,7 @@ int run(int argc, char** argv) {
     Log::toStderr();
 
     if (paths) return printPaths();
+    if (processes) return ProcessesCommand::run();
 
     std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
     return 0;
