@@ -37,7 +37,7 @@ SessionObservation observe(std::string id, std::optional<scrivet::TranscriptInfo
 // A source whose next answer the test sets, and which can hold a scan open.
 class ScriptedSource : public SessionSource {
 public:
-    std::vector<SessionObservation> observe(Date) override {
+    std::vector<SessionObservation> observe(const ScanContext&) override {
         std::unique_lock lock(mutex);
         ++scans;
         cv.notify_all();

@@ -54,8 +54,10 @@ ClaudeMonitor::RawScan ClaudeMonitor::collect() {
     RawScan raw;
     raw.now = now();
     if (deps_.hooks) raw.hooks = deps_.hooks(raw.now);
+    ScanContext context{raw.now, nullptr};
+    if (deps_.discover) context.processes = std::make_shared<const ProcessDiscovery::Pass>(deps_.discover());
     for (auto& source : deps_.sources) {
-        auto found = source->observe(raw.now);
+        auto found = source->observe(context);
         raw.observations.insert(raw.observations.end(), std::make_move_iterator(found.begin()),
                                 std::make_move_iterator(found.end()));
     }

@@ -11,17 +11,25 @@
 #include "lumora/app/run_loop.hpp"
 #include "lumora/app/serial_queue.hpp"
 #include "lumora/monitor/peek_event.hpp"
+#include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/session_derivation.hpp"
 #include "lumora/monitor/session_observation.hpp"
 
 namespace lumora {
 
+// What every source of one scan shares: the time and the one process-table pass.
+struct ScanContext {
+    Date now{};
+    std::shared_ptr<const ProcessDiscovery::Pass> processes;  // absent without discovery
+};
+
 // One provider's way of finding its sessions: its process finder and its
-// journal reader. Called on the monitor's scan queue.
+// journal reader. Called on the monitor's scan queue. Adding a provider is
+// adding a source; the status rules are shared.
 class SessionSource {
 public:
     virtual ~SessionSource() = default;
-    virtual std::vector<SessionObservation> observe(Date now) = 0;
+    virtual std::vector<SessionObservation> observe(const ScanContext& context) = 0;
 };
 
 // The hook bridge's knowledge at scan time, per provider and session.
@@ -48,6 +56,7 @@ public:
 
     struct Dependencies {
         std::vector<std::unique_ptr<SessionSource>> sources;
+        std::function<ProcessDiscovery::Pass()> discover;  // empty: no process table
         std::function<HookSnapshot(Date now)> hooks;  // empty: no hook bridge
         std::function<bool()> lowPowerMode;           // empty: never
         std::function<Date()> clock;                  // empty: the system clock
