@@ -5,6 +5,7 @@
 
 #include "lumora/app/log.hpp"
 #include "lumora/platform/paths.hpp"
+#include "lumora/ui/terminal_app.hpp"
 
 namespace lumora::CommandLine {
 
@@ -26,6 +27,8 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", std::string("lumora ") + LUMORA_VERSION);
     bool paths = false;
     app.add_flag("--paths", paths, "Print every folder and file Lumora uses");
+    bool demo = false;
+    app.add_flag("--demo", demo, "Open the terminal view on scripted sessions (touches no agent or socket)");
 
     try {
         app.parse(argc, argv);
@@ -35,6 +38,7 @@ int run(int argc, char** argv) {
     Log::toStderr();
 
     if (paths) return printPaths();
+    if (demo) return ui::runDemo();
 
     std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
     return 0;
