@@ -12,6 +12,14 @@ constexpr int kIndent = 6;        // where a row's second and later lines start
 constexpr int kMaxActivityLines = 6;
 constexpr int kMaxSubagentLines = 4;
 
+// Joins pieces into one string (also sidesteps a false overflow warning of
+// GCC 12 on `"literal" + std::string` in optimised builds).
+std::string concat(std::initializer_list<std::string_view> parts) {
+    std::string out;
+    for (auto p : parts) out.append(p.data(), p.size());
+    return out;
+}
+
 Style muted() { return Style{Role::muted}; }
 Style role(Role r, bool bold = false) { return Style{r, bold}; }
 
@@ -228,14 +236,14 @@ std::vector<Line> rowLines(const AgentInstance& a, const ViewModel& m, const Vie
         int shown = 0;
         for (const auto& sa : a.subagents) {
             if (shown++ == kMaxSubagentLines) {
-                out.push_back(indented().add("+" + std::to_string(a.subagents.size() - kMaxSubagentLines) + " more subagents", muted()));
+                out.push_back(indented().add(concat({"+", std::to_string(a.subagents.size() - kMaxSubagentLines), " more subagents"}), muted()));
                 break;
             }
             Line l = indented();
             l.add(sa.isRunning ? "⑂ " : "· ", role(sa.isRunning ? Role::working : Role::muted));
             l.add(oneLine(sa.type.empty() ? "agent" : sa.type), role(Role::normal, true));
-            if (!sa.task.empty()) l.add(" " + oneLine(sa.task));
-            if (sa.action && !sa.action->empty()) l.add(" — " + oneLine(*sa.action), muted());
+            if (!sa.task.empty()) l.add(concat({" ", oneLine(sa.task)}));
+            if (sa.action && !sa.action->empty()) l.add(concat({" — ", oneLine(*sa.action)}), muted());
             out.push_back(l);
         }
         if (a.recentActivity.empty() && a.subagents.empty()) out.push_back(indented().add("No recent activity", muted()));
@@ -255,7 +263,7 @@ Line headerLine(const ViewModel& m, const std::vector<AgentInstance>& rows, int 
         if (cl.count >= 2) mark += std::to_string(cl.count);
         l.add(mark, role(statusRole(cl.status), cl.status == AgentStatus::attention)).add(" ");
     }
-    if (tab.hidden > 0) l.add("+" + std::to_string(tab.hidden), muted()).add(" ");
+    if (tab.hidden > 0) l.add(concat({"+", std::to_string(tab.hidden)}), muted()).add(" ");
     std::string sessions = AgentDisplay::sessionsLabel(m.instances, rows);
     int room = width - l.width() - 1;
     if (room > 0) addRightAligned(l, sessions, room, role(Role::normal, true));
