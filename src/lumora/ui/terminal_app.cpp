@@ -160,7 +160,6 @@ int runDemo() {
     Log::silence();
     DemoBackend backend;
     if (!terminalAvailable()) {
-        useUtf8Locale();
         std::cout << plainSnapshot(backend, ViewSettings::from(SettingsStore::shared()));
         return 0;
     }
