@@ -6,6 +6,7 @@
 #include "lumora/app/log.hpp"
 #include "lumora/app/processes_command.hpp"
 #include "lumora/platform/paths.hpp"
+#include "lumora/ui/terminal_app.hpp"
 
 namespace lumora::CommandLine {
 
@@ -29,6 +30,8 @@ int run(int argc, char** argv) {
     app.add_flag("--paths", paths, "Print every folder and file Lumora uses");
     bool processes = false;
     app.add_flag("--processes", processes, "Print every agent process with its session, host and repository");
+    bool demo = false;
+    app.add_flag("--demo", demo, "Open the terminal view on scripted sessions (touches no agent or socket)");
 
     try {
         app.parse(argc, argv);
@@ -39,6 +42,7 @@ int run(int argc, char** argv) {
 
     if (paths) return printPaths();
     if (processes) return ProcessesCommand::run();
+    if (demo) return ui::runDemo();
 
     std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
     return 0;
