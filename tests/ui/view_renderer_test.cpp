@@ -367,5 +367,5 @@ TEST(ViewRenderer, TextHelpers) {
     EXPECT_EQ(ViewRenderer::contextText(a, 6), "██████ 190k~");
     a.contextMax.reset();
     EXPECT_EQ(ViewRenderer::contextText(a, 6), "       190k~");
-    EXPECT_EQ(ViewRenderer::approvalLine(ApprovalRequest{"s", "Bash", "ls\n -la", true}), "Bash: ls -la");
+    EXPECT_EQ(ViewRenderer::approvalLine(ApprovalRequest{"s", "Bash", "ls\n -la", true, std::nullopt, false}), "Bash: ls -la");
 }
