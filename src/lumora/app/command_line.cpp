@@ -3,7 +3,9 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "lumora/app/approvals_command.hpp"
 #include "lumora/app/log.hpp"
+#include "lumora/hooks/approval_rules_store.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora::CommandLine {
@@ -26,6 +28,11 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", std::string("lumora ") + LUMORA_VERSION);
     bool paths = false;
     app.add_flag("--paths", paths, "Print every folder and file Lumora uses");
+    bool approvals = false;
+    std::string approvalToRemove;
+    app.add_flag("--approvals", approvals, "List the always-allow approval rules with their ids");
+    auto* removeApproval =
+        app.add_option("--approvals-remove", approvalToRemove, "Remove the always-allow rule with this id");
 
     try {
         app.parse(argc, argv);
@@ -35,6 +42,9 @@ int run(int argc, char** argv) {
     Log::toStderr();
 
     if (paths) return printPaths();
+    if (approvals) return ApprovalsCommand::list(ApprovalRulesStore::shared(), std::cout);
+    if (removeApproval->count() > 0)
+        return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
 
     std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
     return 0;

@@ -717,15 +717,17 @@ void HookBridge::loop() {
         fds.push_back({listenFd_, POLLIN, 0});
         auto now = std::chrono::steady_clock::now();
         auto deadline = std::chrono::steady_clock::time_point::max();
-        for (const auto& [id, c] : connections_) {
-            fds.push_back({c.fd, POLLIN, 0});
-            ids.push_back(id);
-            deadline = std::min(deadline, c.lastHeard + options_.idleTimeout);
-        }
         bool savePending;
+        std::set<ConnectionId> waiting;
         {
             std::lock_guard lock(mutex_);
             savePending = dirty_ && options_.saveAfterChange;
+            waiting = waitingConnectionsLocked();
+        }
+        for (const auto& [id, c] : connections_) {
+            fds.push_back({c.fd, POLLIN, 0});
+            ids.push_back(id);
+            if (!waiting.count(id)) deadline = std::min(deadline, c.lastHeard + options_.idleTimeout);
         }
         if (savePending) deadline = std::min(deadline, lastSave_ + options_.saveDelay);
         int timeout = -1;
@@ -855,6 +857,13 @@ void HookBridge::flushOutbox() {
     for (const auto& l : logLines) FileUtil::appendLine(approvalsLog(), l);
 }
 
+std::set<HookBridge::ConnectionId> HookBridge::waitingConnectionsLocked() const {
+    std::set<ConnectionId> out;
+    for (const auto& [_, g] : gates_) out.insert(g.connection);
+    for (const auto& r : outbox_) out.insert(r.connection);  // answered, not yet written
+    return out;
+}
+
 void HookBridge::closeIdleConnections() {
     auto now = std::chrono::steady_clock::now();
     std::vector<ConnectionId> idle;
@@ -865,7 +874,7 @@ void HookBridge::closeIdleConnections() {
     std::set<ConnectionId> held;
     {
         std::lock_guard lock(mutex_);
-        for (const auto& [_, g] : gates_) held.insert(g.connection);
+        held = waitingConnectionsLocked();
     }
     for (ConnectionId id : idle) {
         if (held.count(id)) continue;

@@ -181,6 +181,8 @@ private:
     void closeConnection(ConnectionId id);
     void flushOutbox();
     void closeIdleConnections();
+    // Connections that hold a gate or have an answer on its way. Requires mutex_.
+    std::set<ConnectionId> waitingConnectionsLocked() const;
     void saveIfDue(bool force);
     void notifyIfChanged();
     void wake();
