@@ -525,39 +525,45 @@ void HookBridge::pruneLocked(TimePoint now) {
     }
 }
 
-Json HookBridge::encodeLocked(TimePoint now) const {
+HookBridge::SavedState HookBridge::snapshotLocked() const {
+    return SavedState{claudeMarkers_,  codexMarkers_,   kimiMarkers_,   openCodeMarkers_,
+                      markerCreatedAt_, cursorPending_, cursorActivity_, cursorModels_};
+}
+
+std::string HookBridge::encode(const SavedState& s, TimePoint savedAt) {
     auto markers = [](const std::map<std::string, AttentionMarker>& m) {
         Json j = Json::object();
         for (const auto& [sid, marker] : m) j[sid] = marker.toJson();
         return j;
     };
     Json state = Json::object();
-    state["savedAt"] = HookDates::format(now);
-    state["claudeMarkers"] = markers(claudeMarkers_);
-    state["codexMarkers"] = markers(codexMarkers_);
+    state["savedAt"] = HookDates::format(savedAt);
+    state["claudeMarkers"] = markers(s.claude);
+    state["codexMarkers"] = markers(s.codex);
     Json pending = Json::object(), activity = Json::object(), models = Json::object(), created = Json::object();
-    for (const auto& [cid, p] : cursorPending_) pending[cid] = p.toJson();
-    for (const auto& [cid, a] : cursorActivity_) activity[cid] = a.toJson();
-    for (const auto& [cid, m] : cursorModels_) models[cid] = m;
-    for (const auto& [sid, when] : markerCreatedAt_) created[sid] = HookDates::format(when);
+    for (const auto& [cid, p] : s.cursorPending) pending[cid] = p.toJson();
+    for (const auto& [cid, a] : s.cursorActivity) activity[cid] = a.toJson();
+    for (const auto& [cid, m] : s.cursorModels) models[cid] = m;
+    for (const auto& [sid, when] : s.claudeCreatedAt) created[sid] = HookDates::format(when);
     state["cursorPending"] = std::move(pending);
     state["cursorActivity"] = std::move(activity);
     state["cursorModels"] = std::move(models);
     state["claudeMarkerCreatedAt"] = std::move(created);
-    state["kimiMarkers"] = markers(kimiMarkers_);
-    state["openCodeMarkers"] = markers(openCodeMarkers_);
-    return state;
+    state["kimiMarkers"] = markers(s.kimi);
+    state["openCodeMarkers"] = markers(s.openCode);
+    return state.dump(1) + "\n";
 }
 
 void HookBridge::persistNow() {
-    std::string text;
+    SavedState state;
+    TimePoint now = Clock::now();
     {
         std::lock_guard lock(mutex_);
-        TimePoint now = Clock::now();
         pruneLocked(now);
-        text = encodeLocked(now).dump(2) + "\n";
+        state = snapshotLocked();
         dirty_ = false;
     }
+    std::string text = encode(state, now);
     std::lock_guard write(saveMutex_);
     std::error_code ec;
     fs::create_directories(supportFolder_, ec);
@@ -752,7 +758,7 @@ void HookBridge::loop() {
         }
         flushOutbox();
         closeIdleConnections();
-        saveIfDue(false);
+        saveIfDue();
         notifyIfChanged();
     }
 }
@@ -782,6 +788,9 @@ void HookBridge::acceptClients() {
         ConnectionId id = nextConnection_++;
         connections_.emplace(id, Connection{fd, {}, std::chrono::steady_clock::now()});
         connectionCount_ = connections_.size();
+        // Most hooks have written their line and closed by now: serve them at
+        // once, so a burst of short clients never fills the connection slots.
+        readClient(id);
     }
 }
 
@@ -883,22 +892,23 @@ void HookBridge::closeIdleConnections() {
     }
 }
 
-void HookBridge::saveIfDue(bool force) {
-    if (!options_.saveAfterChange && !force) return;
+void HookBridge::saveIfDue() {
+    if (!options_.saveAfterChange) return;
     auto now = std::chrono::steady_clock::now();
-    if (!force && now - lastSave_ < options_.saveDelay) return;
-    std::string text;
+    if (now - lastSave_ < options_.saveDelay) return;
+    auto state = std::make_shared<SavedState>();
+    TimePoint wall = Clock::now();
     {
         std::lock_guard lock(mutex_);
         if (!dirty_) return;
-        TimePoint wall = Clock::now();
         pruneLocked(wall);
-        text = encodeLocked(wall).dump(2) + "\n";
+        *state = snapshotLocked();
         dirty_ = false;
     }
     lastSave_ = now;
-    // Written off this thread: a slow disk never delays an answer.
-    saveQueue_->async([this, text = std::move(text)] {
+    // Encoded and written off this thread: a slow disk never delays an answer.
+    saveQueue_->async([this, state, wall] {
+        std::string text = encode(*state, wall);
         std::lock_guard write(saveMutex_);
         FileUtil::writeAtomically(stateFile(), text, 0600);
     });

@@ -42,7 +42,7 @@ struct HookBridgeOptions {
     // Save hook-state.json after changes (coalesced over this delay), not
     // only at stop(), so markers survive a crash.
     bool saveAfterChange = true;
-    std::chrono::milliseconds saveDelay{100};
+    std::chrono::milliseconds saveDelay{500};
 };
 
 // The server end of the hook socket. The agents' hook programs write one JSON
@@ -170,7 +170,16 @@ private:
     void dropGateLocked(const std::string& sessionId);
     void answerLocked(ConnectionId connection, std::string behavior);
     void pruneLocked(TimePoint now);
-    nlohmann::ordered_json encodeLocked(TimePoint now) const;
+    // A copy of what hook-state.json keeps, taken under the lock and encoded off it.
+    struct SavedState {
+        std::map<std::string, AttentionMarker> claude, codex, kimi, openCode;
+        std::map<std::string, TimePoint> claudeCreatedAt;
+        std::map<std::string, CursorPending> cursorPending;
+        std::map<std::string, CursorActivity> cursorActivity;
+        std::map<std::string, std::string> cursorModels;
+    };
+    SavedState snapshotLocked() const;
+    static std::string encode(const SavedState& state, TimePoint savedAt);
     void restore(TimePoint now);
     void trace(std::string_view text) const;
 
@@ -183,7 +192,7 @@ private:
     void closeIdleConnections();
     // Connections that hold a gate or have an answer on its way. Requires mutex_.
     std::set<ConnectionId> waitingConnectionsLocked() const;
-    void saveIfDue(bool force);
+    void saveIfDue();
     void notifyIfChanged();
     void wake();
     // Runs the outbox and notification directly when no socket thread does.
