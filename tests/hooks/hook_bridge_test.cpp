@@ -487,3 +487,26 @@ TEST_F(HookBridgeTest, LineHandlerWorksWithoutSocket) {
     bridge->persistNow();
     EXPECT_TRUE(Json::parse(readFile(support / "hook-state.json"))["claudeMarkers"].contains("m"));
 }
+
+TEST_F(HookBridgeTest, PythonHookClientGetsItsAnswer) {
+    ASSERT_TRUE(bridge->start());
+    bridge->setGating(true);
+    // A client written the way the hook programs are: connect, one line, wait for one line.
+    writeFile(dir / "client.py", R"(import json, socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+s.settimeout(10)
+s.connect(sys.argv[1])
+s.sendall((json.dumps({"v": 1, "source": "codex", "session_id": sys.argv[2], "action": "gate",
+                       "tool_name": "Bash", "detail": "cargo test", "reason": "run the tests"}) + "\n").encode())
+reply = s.makefile().readline()
+print(json.loads(reply)["behavior"] if reply else "none")
+)");
+    CommandResult result;
+    std::thread client([&] { result = runCommand("python3 " + (dir / "client.py").string() + " " + socket.string() + " py-1"); });
+    bool held = eventually([&] { return bridge->hasHeldGate("py-1"); });
+    bridge->resolve("py-1", true);
+    client.join();
+    ASSERT_TRUE(held);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "allow\n");
+}

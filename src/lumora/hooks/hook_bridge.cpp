@@ -688,9 +688,12 @@ void HookBridge::stop() {
     connectionCount_ = 0;
     ::close(listenFd_);
     listenFd_ = -1;
-    ::close(wakePipe_[0]);
-    ::close(wakePipe_[1]);
-    wakePipe_[0] = wakePipe_[1] = -1;
+    {
+        std::lock_guard lock(wakeMutex_);
+        ::close(wakePipe_[0]);
+        ::close(wakePipe_[1]);
+        wakePipe_[0] = wakePipe_[1] = -1;
+    }
     {
         std::lock_guard lock(mutex_);
         gates_.clear();  // a held connection cannot outlive the socket
@@ -707,6 +710,7 @@ void HookBridge::stop() {
 }
 
 void HookBridge::wake() {
+    std::lock_guard lock(wakeMutex_);
     if (wakePipe_[1] < 0) return;
     char c = 1;
     ssize_t n = ::write(wakePipe_[1], &c, 1);  // a full pipe already means "wake up"
@@ -813,7 +817,12 @@ void HookBridge::readClient(ConnectionId id) {
         c.buffer.append(chunk, static_cast<size_t>(n));
         size_t start = 0;
         for (size_t nl; (nl = c.buffer.find('\n', scanFrom)) != std::string::npos; scanFrom = start = nl + 1) {
-            // The handler may answer and so close other connections, never this one's buffer.
+            if (nl - start > options_.maxLineBytes) {
+                if (options_.traceFile) trace("DROP line longer than the limit; closing its connection");
+                closeConnection(id);
+                return;
+            }
+            // The handler only queues answers; connections close later, in flushOutbox().
             std::string line = c.buffer.substr(start, nl - start);
             handleLine(line, id);
         }

@@ -226,6 +226,7 @@ private:
     std::thread loopThread_;
     int listenFd_ = -1;
     int wakePipe_[2] = {-1, -1};
+    std::mutex wakeMutex_;  // keeps wake() off a pipe that stop() is closing
     std::unordered_map<ConnectionId, Connection> connections_;
     ConnectionId nextConnection_ = 1;
     std::atomic<size_t> connectionCount_{0};
