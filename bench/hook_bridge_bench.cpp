@@ -39,8 +39,6 @@ struct Fixture {
         lumora::Log::silence();
         lumora::HookBridgeOptions options;
         options.traceFile.reset();
-        if (const char* t = std::getenv("BENCH_TRACE")) options.traceFile = t;
-        if (std::getenv("BENCH_NOSAVE")) options.saveAfterChange = false;
         bridge = std::make_unique<lumora::HookBridge>(socket, dir / "support", rules, options);
         if (!bridge->start()) throw std::runtime_error("bridge did not start");
         bridge->setGating(true);

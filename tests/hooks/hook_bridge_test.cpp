@@ -42,7 +42,6 @@ protected:
     void makeBridge(HookBridgeOptions options = {}) {
         bridge.reset();
         options.traceFile = dir / "trace.log";
-        if (const char* keep = std::getenv("KEEP_TRACE")) options.traceFile = keep;
         bridge = std::make_unique<HookBridge>(socket, support, rules, options);
         bridge->setOnEvent([this] { ++events; });
     }
