@@ -3,8 +3,10 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "lumora/app/approvals_command.hpp"
 #include "lumora/app/log.hpp"
 #include "lumora/app/processes_command.hpp"
+#include "lumora/hooks/approval_rules_store.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
 
@@ -32,6 +34,11 @@ int run(int argc, char** argv) {
     app.add_flag("--processes", processes, "Print every agent process with its session, host and repository");
     bool demo = false;
     app.add_flag("--demo", demo, "Open the terminal view on scripted sessions (touches no agent or socket)");
+    bool approvals = false;
+    std::string approvalToRemove;
+    app.add_flag("--approvals", approvals, "List the always-allow approval rules with their ids");
+    auto* removeApproval =
+        app.add_option("--approvals-remove", approvalToRemove, "Remove the always-allow rule with this id");
 
     try {
         app.parse(argc, argv);
@@ -43,6 +50,9 @@ int run(int argc, char** argv) {
     if (paths) return printPaths();
     if (processes) return ProcessesCommand::run();
     if (demo) return ui::runDemo();
+    if (approvals) return ApprovalsCommand::list(ApprovalRulesStore::shared(), std::cout);
+    if (removeApproval->count() > 0)
+        return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
 
     std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
     return 0;
