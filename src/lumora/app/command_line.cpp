@@ -6,6 +6,7 @@
 #include "lumora/app/approvals_command.hpp"
 #include "lumora/app/log.hpp"
 #include "lumora/app/processes_command.hpp"
+#include "lumora/app/run_commands.hpp"
 #include "lumora/hooks/approval_rules_store.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
@@ -40,6 +41,11 @@ int run(int argc, char** argv) {
     auto* removeApproval =
         app.add_option("--approvals-remove", approvalToRemove, "Remove the always-allow rule with this id");
 
+    bool scan = false, json = false, noUI = false;
+    app.add_flag("--scan", scan, "Scan once and print one line per session");
+    app.add_flag("--json", json, "With --scan: print the sessions as JSON")->needs("--scan");
+    app.add_flag("--no-ui", noUI, "Run the monitor and the hook bridge without a screen, printing status changes");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -54,8 +60,9 @@ int run(int argc, char** argv) {
     if (removeApproval->count() > 0)
         return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
 
-    std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
-    return 0;
+    if (scan) return RunCommands::scan(json);
+    if (noUI) return RunCommands::headless();
+    return RunCommands::interactive();
 }
 
 }  // namespace lumora::CommandLine

@@ -10,8 +10,7 @@ namespace lumora {
 
 namespace Reader = scrivet::ClaudeTranscriptReader;
 
-ClaudeSessionSource::ClaudeSessionSource(Paths paths, SDKHostMemory& hostMemory,
-                                         std::function<bool(const std::string&)> isRunning)
+ClaudeSessionSource::ClaudeSessionSource(Paths paths, SDKHostMemory& hostMemory, IsRunning isRunning)
     : paths_(std::move(paths)), hostMemory_(hostMemory), isRunning_(std::move(isRunning)) {}
 
 std::string ClaudeSessionSource::projectName(const std::string& cwd, const std::optional<std::string>& repoName) {
@@ -55,9 +54,12 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
     }
 
     // Sessions driven through the SDK by a host application that runs.
+    static const ProcessSnapshot kNoProcesses;
+    const ProcessSnapshot& snapshot = ctx.processes ? ctx.processes->snapshot : kNoProcesses;
+    auto isRunning = [&](const std::string& appId) { return isRunning_ && isRunning_(appId, snapshot); };
     for (auto& sdk : SDKSessionReader::runningSessions(paths_.projects, paths_.claudeConfig, ctx.now)) {
         if (seen.count(sdk.sessionId)) continue;
-        auto host = sdkSessionHost(sdk, hostMemory_, isRunning_);
+        auto host = sdkSessionHost(sdk, hostMemory_, isRunning);
         if (!host) continue;  // a ghost: its host is not known to run
         SessionObservation o;
         o.id = sdk.sessionId;

@@ -19,10 +19,11 @@ public:
         std::filesystem::path tempFolder;    // where background-task output lives
     };
 
-    // `hostMemory` learns the hosts of live SDK-driven processes; `isRunning`
-    // tells whether an application (by desktop id) runs.
-    ClaudeSessionSource(Paths paths, SDKHostMemory& hostMemory,
-                        std::function<bool(const std::string& appId)> isRunning);
+    // Tells whether an application (by desktop id) runs, as of a process pass.
+    using IsRunning = std::function<bool(const std::string& appId, const ProcessSnapshot& snapshot)>;
+
+    // `hostMemory` learns the hosts of live SDK-driven processes.
+    ClaudeSessionSource(Paths paths, SDKHostMemory& hostMemory, IsRunning isRunning);
 
     std::vector<SessionObservation> observe(const ScanContext& context) override;
 
@@ -32,7 +33,7 @@ public:
 private:
     Paths paths_;
     SDKHostMemory& hostMemory_;
-    std::function<bool(const std::string&)> isRunning_;
+    IsRunning isRunning_;
 };
 
 }  // namespace lumora
