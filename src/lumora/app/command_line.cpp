@@ -3,9 +3,14 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "lumora/app/approvals_command.hpp"
 #include "lumora/app/hooks_command.hpp"
 #include "lumora/app/log.hpp"
+#include "lumora/app/processes_command.hpp"
+#include "lumora/app/run_commands.hpp"
+#include "lumora/hooks/approval_rules_store.hpp"
 #include "lumora/platform/paths.hpp"
+#include "lumora/ui/terminal_app.hpp"
 
 namespace lumora::CommandLine {
 
@@ -27,6 +32,20 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", std::string("lumora ") + LUMORA_VERSION);
     bool paths = false;
     app.add_flag("--paths", paths, "Print every folder and file Lumora uses");
+    bool processes = false;
+    app.add_flag("--processes", processes, "Print every agent process with its session, host and repository");
+    bool demo = false;
+    app.add_flag("--demo", demo, "Open the terminal view on scripted sessions (touches no agent or socket)");
+    bool approvals = false;
+    std::string approvalToRemove;
+    app.add_flag("--approvals", approvals, "List the always-allow approval rules with their ids");
+    auto* removeApproval =
+        app.add_option("--approvals-remove", approvalToRemove, "Remove the always-allow rule with this id");
+
+    bool scan = false, json = false, noUI = false;
+    app.add_flag("--scan", scan, "Scan once and print one line per session");
+    app.add_flag("--json", json, "With --scan: print the sessions as JSON")->needs("--scan");
+    app.add_flag("--no-ui", noUI, "Run the monitor and the hook bridge without a screen, printing status changes");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);
 
@@ -39,11 +58,16 @@ int run(int argc, char** argv) {
 
     if (paths) return printPaths();
     if (HooksCommand::requested(hookFlags)) return HooksCommand::run(hookFlags, std::cout, std::cerr);
+    if (processes) return ProcessesCommand::run();
+    if (demo) return ui::runDemo();
+    if (approvals) return ApprovalsCommand::list(ApprovalRulesStore::shared(), std::cout);
+    if (removeApproval->count() > 0)
+        return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
 
+    if (scan) return RunCommands::scan(json);
     HooksCommand::refreshAtStart();
-
-    std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
-    return 0;
+    if (noUI) return RunCommands::headless();
+    return RunCommands::interactive();
 }
 
 }  // namespace lumora::CommandLine

@@ -2,8 +2,26 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace lumora {
+
+struct AttentionMarker;
+
+// What an approval could be widened to: the whole tool (tools that are not
+// shells) or the programs a shell command runs.
+struct ApprovalScope {
+    enum class Kind { tool, shellHeads };
+    Kind kind = Kind::tool;
+    std::vector<std::string> heads;  // for shellHeads, in order of first appearance
+
+    static ApprovalScope tool() { return {Kind::tool, {}}; }
+    static ApprovalScope shellHeads(std::vector<std::string> heads) { return {Kind::shellHeads, std::move(heads)}; }
+    bool operator==(const ApprovalScope&) const = default;
+};
+
+// How far an approval is widened: for the rest of this session, or always.
+enum class DecisionScopeConfirmation { session, always };
 
 // The approval a row shows: a permission prompt held by the hook bridge, or a
 // display-only one read from disk.
@@ -17,6 +35,16 @@ struct ApprovalRequest {
 
     // True when there is a reason to show; such a row grows by one line.
     bool hasContext() const { return reason && !reason->empty(); }
+
+    // What this approval may be widened to; nothing when it is not approvable,
+    // is escalated, names no tool, or is a shell command whose programs cannot
+    // be read safely.
+    std::optional<ApprovalScope> approvalScope() const;
+
+    // The request a permission marker shows; `approvable` says whether the
+    // bridge holds a gate for its session.
+    static ApprovalRequest fromMarker(const AttentionMarker& marker, bool approvable);
+
     bool operator==(const ApprovalRequest&) const = default;
 };
 

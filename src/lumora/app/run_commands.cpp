@@ -1,0 +1,199 @@
+#include "lumora/app/run_commands.hpp"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <ctime>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include "lumora/app/log.hpp"
+#include "lumora/app/lumora_app.hpp"
+#include "lumora/platform/paths.hpp"
+#include "lumora/ui/terminal_app.hpp"
+
+namespace lumora::RunCommands {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string timestamp(Date when) {
+    std::time_t t = std::chrono::system_clock::to_time_t(when);
+    std::tm tm{};
+    ::localtime_r(&t, &tm);
+    std::ostringstream out;
+    out << std::put_time(&tm, "%Y-%m-%d %H:%M:%S");
+    return out.str();
+}
+
+std::string iso(Date when) {
+    std::time_t t = std::chrono::system_clock::to_time_t(when);
+    std::tm tm{};
+    ::gmtime_r(&t, &tm);
+    std::ostringstream out;
+    out << std::put_time(&tm, "%Y-%m-%dT%H:%M:%SZ");
+    return out.str();
+}
+
+std::string place(const AgentInstance& a) {
+    if (a.isWorktree && a.worktreeName) return "wt:" + *a.worktreeName;
+    return a.gitBranch.value_or("-");
+}
+
+template <typename T>
+Json opt(const std::optional<T>& v) {
+    return v ? Json(*v) : Json(nullptr);
+}
+
+// Blocks the stop signals in every thread made from here on; one thread waits
+// for them and stops the main loop.
+void stopOnSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::thread([set] {
+        int sig = 0;
+        sigwait(&set, &sig);
+        RunLoop::main().stop();
+    }).detach();
+}
+
+}  // namespace
+
+std::string scanLine(const AgentInstance& a) {
+    std::ostringstream out;
+    out << std::left << std::setw(16) << label(a.status) << std::setw(12) << scrivet::displayName(a.provider)
+        << std::setw(20) << a.projectName << ' ' << std::setw(24) << place(a) << ' ' << std::setw(14)
+        << a.model.value_or("-") << ' ' << std::setw(9) << a.contextLabel().value_or("-") << ' '
+        << (a.subagentCount == 1 ? "1 subagent  " : std::to_string(a.subagentCount) + " subagents ") << ' '
+        << scrivet::collapseWhitespace(a.topic ? *a.topic : a.summary.value_or(""));
+    return out.str();
+}
+
+Json toJson(const AgentInstance& a) {
+    Json j;
+    j["id"] = a.id;
+    j["provider"] = std::string(scrivet::rawValue(a.provider));
+    j["pid"] = opt(a.pid);
+    j["projectName"] = a.projectName;
+    j["cwd"] = a.cwd;
+    j["gitBranch"] = opt(a.gitBranch);
+    j["repoName"] = opt(a.repoName);
+    j["isWorktree"] = a.isWorktree;
+    j["worktreeName"] = opt(a.worktreeName);
+    j["status"] = std::string(rawValue(a.status));
+    j["statusLabel"] = std::string(label(a.status));
+    j["summary"] = opt(a.summary);
+    j["lastActivity"] = iso(a.lastActivity);
+    j["cpu"] = a.cpu;
+    j["model"] = opt(a.model);
+    j["contextTokens"] = opt(a.contextTokens);
+    j["contextMax"] = opt(a.contextMax);
+    j["contextMaxEstimated"] = a.contextMaxEstimated;
+    j["contextLabel"] = opt(a.contextLabel());
+    j["inProgress"] = a.inProgress;
+    j["pendingApproval"] = a.pendingApproval ? Json(std::string(scrivet::kindName(*a.pendingApproval))) : Json(nullptr);
+    j["endsWithQuestion"] = a.endsWithQuestion;
+    if (a.approval) {
+        j["approval"] = {{"toolName", a.approval->toolName}, {"detail", opt(a.approval->detail)},
+                         {"approvable", a.approval->approvable}, {"reason", opt(a.approval->reason)},
+                         {"escalated", a.approval->escalated}};
+    } else {
+        j["approval"] = nullptr;
+    }
+    if (a.question) {
+        j["question"] = {{"text", a.question->text}, {"options", a.question->options},
+                         {"moreCount", a.question->moreCount}};
+    } else {
+        j["question"] = nullptr;
+    }
+    Json activity = Json::array();
+    for (const auto& l : a.recentActivity) activity.push_back({{"kind", std::string(kindName(l.kind))}, {"text", l.text}});
+    j["recentActivity"] = activity;
+    j["subagentCount"] = a.subagentCount;
+    Json subagents = Json::array();
+    for (const auto& s : a.subagents) {
+        subagents.push_back({{"id", s.id}, {"type", s.type}, {"task", s.task}, {"model", opt(s.model)},
+                             {"action", opt(s.action)}, {"isRunning", s.isRunning}, {"tokens", opt(s.tokens)}});
+    }
+    j["subagents"] = subagents;
+    j["hasRealTurn"] = a.hasRealTurn;
+    if (a.host) {
+        j["host"] = {{"kind", std::string(kindName(a.host->kind))}, {"appName", a.host->appName},
+                     {"bundleID", opt(a.host->bundleID)}};
+    } else {
+        j["host"] = nullptr;
+    }
+    j["hasHookGroundTruth"] = a.hasHookGroundTruth;
+    j["surface"] = a.surface == AgentSurface::cowork ? "cowork" : "coding";
+    j["topic"] = opt(a.topic);
+    j["workspaceFolders"] = a.workspaceFolders;
+    return j;
+}
+
+int scan(bool json) {
+    LumoraApp app;
+    auto list = rowOrder(app.monitor().scanOnce());
+    if (json) {
+        Json out = Json::array();
+        for (const auto& a : list) out.push_back(toJson(a));
+        std::cout << out.dump(2) << "\n";
+    } else {
+        for (const auto& a : list) std::cout << scanLine(a) << "\n";
+    }
+    return 0;
+}
+
+int headless() {
+    stopOnSignals();
+    Paths::ensureSupportFolder();
+    LumoraApp app;
+    std::map<std::string, AgentStatus> last;
+    long long lastToken = 0;
+    app.monitor().setOnPublish([&] {
+        auto now = std::chrono::system_clock::now();
+        std::map<std::string, AgentStatus> next;
+        for (const auto& a : app.monitor().instances()) {
+            next[a.id] = a.status;
+            auto it = last.find(a.id);
+            if (it == last.end() || it->second != a.status)
+                std::cout << timestamp(now) << "  " << scanLine(a) << std::endl;
+        }
+        for (const auto& [id, status] : last) {
+            if (!next.count(id)) std::cout << timestamp(now) << "  ended " << id << std::endl;
+        }
+        last = std::move(next);
+        if (const auto& peek = app.monitor().peekEvent(); peek && peek->token != lastToken) {
+            lastToken = peek->token;
+            std::cout << timestamp(now) << "  peek " << (peek->done ? "done" : "needs you") << "  "
+                      << peek->projectName << ": " << peek->ask << std::endl;
+        }
+    });
+    app.start(false);  // nobody can answer a prompt here: the agents show their own
+    RunLoop::main().run();
+    app.stop();
+    return 0;
+}
+
+int interactive() {
+    if (!ui::terminalAvailable()) return headless();
+    Paths::ensureSupportFolder();
+    Log::toFile(Paths::logFile());
+    LumoraApp app;
+    AppBackend backend(app);
+    app.start(true);
+    ui::TerminalViewOptions options;
+    options.onQuit = [&] { app.stop(); };
+    int code = ui::runTerminalView(backend, options);
+    app.stop();
+    return code;
+}
+
+}  // namespace lumora::RunCommands

@@ -1,0 +1,169 @@
+#include "lumora/app/settings_store.hpp"
+
+#include <algorithm>
+
+namespace lumora {
+
+std::string_view rawValue(TabStyle s) {
+    switch (s) {
+        case TabStyle::black: return "black";
+        case TabStyle::graphite: return "graphite";
+        case TabStyle::clear: return "clear";
+    }
+    return "black";
+}
+
+std::string_view rawValue(PanelMaterial m) {
+    switch (m) {
+        case PanelMaterial::glassy: return "glassy";
+        case PanelMaterial::smoked: return "smoked";
+        case PanelMaterial::black: return "black";
+        case PanelMaterial::paper: return "paper";
+    }
+    return "smoked";
+}
+
+int idleTimeoutMinutes(std::optional<long long> stored) { return stored && *stored > 0 ? static_cast<int>(*stored) : 30; }
+
+SettingsStore& SettingsStore::shared() {
+    static SettingsStore store(DefaultsStore::shared());
+    return store;
+}
+
+SettingsStore::SettingsStore(DefaultsStore& defaults) : defaults_(defaults) {}
+
+void SettingsStore::setListener(Listener listener) { listener_ = std::move(listener); }
+
+bool SettingsStore::flag(const char* key, bool fallback) const {
+    // Read as an object first: a stored off is the user's choice, missing is the default.
+    return defaults_.boolean(key).value_or(fallback);
+}
+
+void SettingsStore::changed(const std::string& key) {
+    if (listener_) listener_(key);
+}
+
+bool SettingsStore::soundEnabled() const { return flag(kSoundEnabled, true); }
+std::string SettingsStore::doneSoundName() const { return defaults_.string(kDoneSoundName).value_or("Ping"); }
+std::string SettingsStore::attentionSoundName() const { return defaults_.string(kAttentionSoundName).value_or("Sosumi"); }
+bool SettingsStore::usageEnabled() const { return flag(kUsageEnabled, true); }
+bool SettingsStore::usageActiveOnly() const { return flag(kUsageActiveOnly, false); }
+bool SettingsStore::subagentsEnabled() const { return flag(kSubagentsEnabled, true); }
+bool SettingsStore::taskPlanEnabled() const { return flag(kTaskPlanEnabled, true); }
+bool SettingsStore::coworkEnabled() const { return flag(kCoworkEnabled, true); }
+bool SettingsStore::cloudTasksEnabled() const { return flag(kCloudTasksEnabled, false); }
+bool SettingsStore::hooksEnabled() const { return flag(kHooksEnabled, false); }
+bool SettingsStore::approveRuns() const { return flag(kApproveRuns, true); }
+bool SettingsStore::hasCompletedOnboarding() const { return flag(kHasCompletedOnboarding, false); }
+bool SettingsStore::usageWarnInColour() const { return flag(kUsageWarnInColour, true); }
+
+IdleAgentPolicy SettingsStore::idleAgentPolicy() const {
+    auto raw = defaults_.string(kIdleAgentPolicy);
+    return raw ? idlePolicyFromRaw(*raw).value_or(IdleAgentPolicy::shrink) : IdleAgentPolicy::shrink;
+}
+
+int SettingsStore::visibleRowLimit() const {
+    auto stored = defaults_.integer(kVisibleRowLimit);
+    return AgentDisplay::visibleRowLimit(stored ? std::optional<long long>(*stored) : std::nullopt);
+}
+
+int SettingsStore::idleTimeoutMinutes() const {
+    auto stored = defaults_.integer(kIdleTimeoutMinutes);
+    return lumora::idleTimeoutMinutes(stored ? std::optional<long long>(*stored) : std::nullopt);
+}
+
+HoverResponse SettingsStore::hoverResponse() const {
+    auto raw = defaults_.string(kHoverResponse);
+    return raw ? hoverResponseFromRaw(*raw).value_or(HoverResponse::adaptive) : HoverResponse::adaptive;
+}
+
+HoverReach SettingsStore::hoverReach() const {
+    auto raw = defaults_.string(kHoverReach);
+    return raw ? hoverReachFromRaw(*raw).value_or(HoverReach::balanced) : HoverReach::balanced;
+}
+
+TabStyle SettingsStore::tabStyle() const {
+    auto raw = defaults_.string(kTabStyle).value_or("");
+    for (auto s : {TabStyle::black, TabStyle::graphite, TabStyle::clear}) {
+        if (rawValue(s) == raw) return s;
+    }
+    return TabStyle::black;  // missing, unknown or retired: black, never none
+}
+
+TabMarks SettingsStore::tabMarks() const {
+    auto raw = defaults_.string(kTabMarks);
+    return raw ? tabMarksFromRaw(*raw).value_or(kDefaultTabMarks) : kDefaultTabMarks;
+}
+
+PanelMaterial SettingsStore::panelMaterial() const {
+    auto raw = defaults_.string(kPanelMaterial).value_or("");
+    for (auto m : {PanelMaterial::glassy, PanelMaterial::smoked, PanelMaterial::black, PanelMaterial::paper}) {
+        if (rawValue(m) == raw) return m;
+    }
+    return PanelMaterial::smoked;
+}
+
+std::string SettingsStore::usageLeftReadout() const { return defaults_.string(kUsageLeftReadout).value_or("remaining"); }
+std::string SettingsStore::usageRightReadout() const { return defaults_.string(kUsageRightReadout).value_or("resetTime"); }
+
+std::vector<std::string> SettingsStore::notchDisplays() const {
+    std::vector<std::string> out;
+    if (auto list = defaults_.list(kNotchDisplays)) {
+        for (const auto& v : *list) {
+            if (v.is_string()) out.push_back(v.get<std::string>());
+        }
+    }
+    return out;
+}
+
+void SettingsStore::setBool(const std::string& key, bool value) {
+    defaults_.setBool(key, value);
+    changed(key);
+}
+
+void SettingsStore::setString(const std::string& key, const std::string& value) {
+    defaults_.setString(key, value);
+    changed(key);
+}
+
+void SettingsStore::setIdleAgentPolicy(IdleAgentPolicy p) { setString(kIdleAgentPolicy, std::string(rawValue(p))); }
+void SettingsStore::setHoverResponse(HoverResponse r) { setString(kHoverResponse, std::string(rawValue(r))); }
+void SettingsStore::setHoverReach(HoverReach r) { setString(kHoverReach, std::string(rawValue(r))); }
+void SettingsStore::setTabStyle(TabStyle s) { setString(kTabStyle, std::string(rawValue(s))); }
+void SettingsStore::setTabMarks(TabMarks m) { setString(kTabMarks, std::string(rawValue(m))); }
+void SettingsStore::setPanelMaterial(PanelMaterial m) { setString(kPanelMaterial, std::string(rawValue(m))); }
+
+void SettingsStore::setVisibleRowLimit(int rows) {
+    defaults_.setInteger(kVisibleRowLimit, AgentDisplay::visibleRowLimit(rows));
+    changed(kVisibleRowLimit);
+}
+
+void SettingsStore::setIdleTimeoutMinutes(int minutes) {
+    defaults_.setInteger(kIdleTimeoutMinutes, lumora::idleTimeoutMinutes(minutes));
+    changed(kIdleTimeoutMinutes);
+}
+
+void SettingsStore::setDisplayEnabled(const std::string& key, bool enabled, const std::vector<DisplayInfo>& connected) {
+    auto next = NotchDisplays::updated(notchDisplays(), key, enabled, connected);
+    defaults_.setValue(kNotchDisplays, DefaultsStore::Json(next));
+    if (!enabled) defaults_.remove(kPreferredDisplay);
+    changed(kNotchDisplays);
+}
+
+void SettingsStore::migrateLegacyDisplay(const std::vector<DisplayInfo>& connected) {
+    if (defaults_.boolean(kNotchDisplaysMigrated).value_or(false)) return;
+    if (auto legacy = defaults_.string(kPreferredDisplay)) {
+        // The legacy preference named a display; keep it if it still matches one.
+        std::vector<std::string> selection = notchDisplays();
+        for (const auto& d : connected) {
+            if ((d.name == *legacy || d.key == *legacy) &&
+                std::find(selection.begin(), selection.end(), d.key) == selection.end())
+                selection.push_back(d.key);
+        }
+        defaults_.setValue(kNotchDisplays, DefaultsStore::Json(selection));
+    }
+    defaults_.setBool(kNotchDisplaysMigrated, true);
+    changed(kNotchDisplays);
+}
+
+}  // namespace lumora

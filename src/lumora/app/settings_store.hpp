@@ -1,0 +1,118 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lumora/app/defaults_store.hpp"
+#include "lumora/monitor/agent_display.hpp"
+#include "lumora/monitor/notch_state.hpp"
+#include "lumora/monitor/tab_layout.hpp"
+
+namespace lumora {
+
+// Tab background styles; only black fuses with the bezel.
+enum class TabStyle { black, graphite, clear };
+// Panel surfaces.
+enum class PanelMaterial { glassy, smoked, black, paper };
+
+std::string_view rawValue(TabStyle s);
+std::string_view rawValue(PanelMaterial m);
+
+// Every user preference, read from and written to the user defaults under
+// its key, with the default a missing (or unusable) value takes. A change is
+// written to the defaults and reported to the listener at once, so the
+// monitor, the tab and the panel pick it up without a restart.
+class SettingsStore {
+public:
+    // Stored keys.
+    static constexpr const char* kSoundEnabled = "soundEnabled";
+    static constexpr const char* kDoneSoundName = "doneSoundName";
+    static constexpr const char* kAttentionSoundName = "attentionSoundName";
+    static constexpr const char* kUsageEnabled = "usageEnabled";
+    static constexpr const char* kUsageActiveOnly = "usageActiveOnly";
+    static constexpr const char* kSubagentsEnabled = "subagentsEnabled";
+    static constexpr const char* kTaskPlanEnabled = "taskPlanEnabled";
+    static constexpr const char* kCoworkEnabled = "coworkEnabled";
+    static constexpr const char* kCloudTasksEnabled = "cloudTasksEnabled";
+    static constexpr const char* kIdleAgentPolicy = "idleAgentPolicy";
+    static constexpr const char* kVisibleRowLimit = "visibleRowLimit";
+    static constexpr const char* kHooksEnabled = "hooksEnabled";
+    static constexpr const char* kApproveRuns = "approveRuns";
+    static constexpr const char* kIdleTimeoutMinutes = "idleTimeoutMinutes";
+    static constexpr const char* kHoverResponse = "hoverResponse";
+    static constexpr const char* kHoverReach = "hoverReach";
+    static constexpr const char* kTabStyle = "tabStyle";
+    static constexpr const char* kTabMarks = "tabMarks";
+    static constexpr const char* kPanelMaterial = "panelMaterial";
+    static constexpr const char* kUsageLeftReadout = "usageLeftReadout";
+    static constexpr const char* kUsageRightReadout = "usageRightReadout";
+    static constexpr const char* kUsageWarnInColour = "usageWarnInColour";
+    static constexpr const char* kNotchDisplays = "notchDisplays";
+    static constexpr const char* kPreferredDisplay = "preferredDisplay";  // legacy single display
+    static constexpr const char* kNotchDisplaysMigrated = "notchDisplaysMigrated";
+    static constexpr const char* kHasCompletedOnboarding = "hasCompletedOnboarding";
+
+    using Listener = std::function<void(const std::string& key)>;
+
+    static SettingsStore& shared();
+    explicit SettingsStore(DefaultsStore& defaults);
+
+    // Called after every change, with the key that changed.
+    void setListener(Listener listener);
+
+    bool soundEnabled() const;
+    std::string doneSoundName() const;
+    std::string attentionSoundName() const;
+    bool usageEnabled() const;
+    bool usageActiveOnly() const;
+    bool subagentsEnabled() const;
+    bool taskPlanEnabled() const;
+    bool coworkEnabled() const;
+    bool cloudTasksEnabled() const;
+    IdleAgentPolicy idleAgentPolicy() const;
+    int visibleRowLimit() const;
+    bool hooksEnabled() const;
+    bool approveRuns() const;
+    int idleTimeoutMinutes() const;
+    HoverResponse hoverResponse() const;
+    HoverReach hoverReach() const;
+    TabStyle tabStyle() const;
+    TabMarks tabMarks() const;
+    PanelMaterial panelMaterial() const;
+    std::string usageLeftReadout() const;
+    std::string usageRightReadout() const;
+    bool usageWarnInColour() const;
+    std::vector<std::string> notchDisplays() const;
+    bool hasCompletedOnboarding() const;
+
+    void setBool(const std::string& key, bool value);
+    void setString(const std::string& key, const std::string& value);
+    void setIdleAgentPolicy(IdleAgentPolicy p);
+    void setVisibleRowLimit(int rows);
+    void setIdleTimeoutMinutes(int minutes);
+    void setHoverResponse(HoverResponse r);
+    void setHoverReach(HoverReach r);
+    void setTabStyle(TabStyle s);
+    void setTabMarks(TabMarks m);
+    void setPanelMaterial(PanelMaterial m);
+    // Switches one display's notch on or off (an off also clears the legacy entry).
+    void setDisplayEnabled(const std::string& key, bool enabled, const std::vector<DisplayInfo>& connected);
+    // Moves the legacy single-display preference into the selection, once.
+    void migrateLegacyDisplay(const std::vector<DisplayInfo>& connected);
+
+    DefaultsStore& defaults() const { return defaults_; }
+
+private:
+    bool flag(const char* key, bool fallback) const;
+    void changed(const std::string& key);
+
+    DefaultsStore& defaults_;
+    Listener listener_;
+};
+
+// The idle threshold in minutes from a stored value: missing, zero or negative give 30.
+int idleTimeoutMinutes(std::optional<long long> stored);
+
+}  // namespace lumora

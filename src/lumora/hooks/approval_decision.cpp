@@ -1,0 +1,59 @@
+#include "lumora/hooks/approval_decision.hpp"
+
+#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/hooks/hook_bridge.hpp"
+
+namespace lumora {
+
+namespace {
+
+std::string subject(const ApprovalScope& scope, const std::string& toolName) {
+    if (scope.kind == ApprovalScope::Kind::tool) return toolName;
+    std::string out;
+    for (const auto& head : scope.heads) {
+        if (!out.empty()) out += ", ";
+        out += head;
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string ApprovalLabels::allowThisSession(const ApprovalScope& scope, const std::string& toolName) {
+    return "Allow " + subject(scope, toolName) + " this session";
+}
+
+std::string ApprovalLabels::alwaysAllow(const ApprovalScope& scope, const std::string& toolName) {
+    return "Always allow " + subject(scope, toolName);
+}
+
+std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdict verdict,
+                                  std::optional<DecisionScopeConfirmation> widen, HookBridge& bridge,
+                                  ApprovalRulesStore& rules) {
+    if (verdict == ApprovalVerdict::deny) {
+        bridge.resolve(request.sessionId, false);
+        return std::nullopt;
+    }
+    auto scope = request.approvalScope();
+    std::optional<std::string> confirmation;
+    if (widen && scope) {
+        std::vector<std::optional<std::string>> heads;
+        if (scope->kind == ApprovalScope::Kind::tool) heads.push_back(std::nullopt);
+        for (const auto& h : scope->heads) heads.push_back(h);
+        for (const auto& head : heads) {
+            if (*widen == DecisionScopeConfirmation::session) rules.addSessionRule(request.sessionId, request.toolName, head);
+            else rules.addAlwaysRule(request.toolName, head);
+        }
+        confirmation = *widen == DecisionScopeConfirmation::session ? ApprovalLabels::approvedThisSession
+                                                                     : ApprovalLabels::approvedAlways;
+    }
+    bridge.resolve(request.sessionId, true);
+    return confirmation;
+}
+
+std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdict verdict,
+                                  std::optional<DecisionScopeConfirmation> scope) {
+    return decide(request, verdict, scope, HookBridge::shared(), ApprovalRulesStore::shared());
+}
+
+}  // namespace lumora

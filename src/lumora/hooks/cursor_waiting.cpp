@@ -1,0 +1,43 @@
+#include "lumora/hooks/cursor_waiting.hpp"
+
+#include <sys/stat.h>
+
+#include "lumora/hooks/hook_dates.hpp"
+
+namespace lumora::CursorHooks {
+
+namespace {
+
+constexpr double kShellThreshold = 8.0;
+constexpr double kOtherThreshold = 3.0;
+constexpr double kTranscriptSlack = 0.75;
+
+// The file's modification time in seconds since 1970, if it can be read.
+std::optional<double> modifiedAt(const std::string& path) {
+    if (path.empty()) return std::nullopt;
+    struct stat st{};
+    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+    return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
+}
+
+}  // namespace
+
+bool isWaiting(const CursorPending& pending, std::chrono::system_clock::time_point now,
+               const ShellAppearsRunning& shellAppearsRunning) {
+    if (pending.kind == "mcp") return false;
+    bool shell = pending.kind == "shell";
+    double age = HookDates::toSeconds(now) - pending.ts;
+    if (age < (shell ? kShellThreshold : kOtherThreshold)) return false;
+    // A transcript written after the note means the agent moved on.
+    if (auto written = modifiedAt(pending.transcriptPath); written && *written > pending.ts + kTranscriptSlack)
+        return false;
+    if (shell && shellAppearsRunning && shellAppearsRunning(pending)) return false;
+    return true;
+}
+
+std::string waitingSummary(const CursorPending& pending) {
+    if (pending.toolName.empty()) return "Cursor needs your approval";
+    return "Wants to use " + pending.toolName;
+}
+
+}  // namespace lumora::CursorHooks

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+// Dates in the files the hooks subsystem writes: ISO 8601 in UTC with
+// milliseconds ("2026-11-22T00:47:23.755Z"). Reading also accepts seconds
+// since 1970 as a number.
+namespace lumora::HookDates {
+
+using TimePoint = std::chrono::system_clock::time_point;
+
+std::string format(TimePoint when);
+std::optional<TimePoint> parse(const nlohmann::ordered_json& value);
+
+// Seconds since 1970 as a fraction, and back.
+double toSeconds(TimePoint when);
+TimePoint fromSeconds(double seconds);
+
+}  // namespace lumora::HookDates

@@ -1,0 +1,152 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "lumora/app/run_loop.hpp"
+#include "lumora/app/serial_queue.hpp"
+#include "lumora/monitor/peek_event.hpp"
+#include "lumora/monitor/process_discovery.hpp"
+#include "lumora/monitor/session_derivation.hpp"
+#include "lumora/monitor/session_observation.hpp"
+
+namespace lumora {
+
+// What every source of one scan shares: the time and the one process-table pass.
+struct ScanContext {
+    Date now{};
+    std::shared_ptr<const ProcessDiscovery::Pass> processes;  // absent without discovery
+};
+
+// One provider's way of finding its sessions: its process finder and its
+// journal reader. Called on the monitor's scan queue. Adding a provider is
+// adding a source; the status rules are shared.
+class SessionSource {
+public:
+    virtual ~SessionSource() = default;
+    virtual std::vector<SessionObservation> observe(const ScanContext& context) = 0;
+};
+
+// The hook bridge's knowledge at scan time, per provider and session.
+struct HookSnapshot {
+    std::map<std::pair<HarnessProvider, std::string>, HookSignals> signals;
+    HookSignals lookup(HarnessProvider provider, const std::string& sessionId) const;
+};
+
+// The centre of the system: on a timer, and at once when a hook event
+// arrives, it finds every agent session, reads its facts, folds in what the
+// hooks know, decides each status by the ordered rules and publishes the
+// list on the main run loop. Scans run on the monitor's own serial queue; at
+// most one is in flight, and requests during a scan make exactly one more.
+// Everything but refreshNow() is called on the main loop's thread.
+class ClaudeMonitor {
+public:
+    struct Settings {
+        bool hooksEnabled = false;
+        bool soundEnabled = true;
+        bool subagentsEnabled = true;
+        int idleTimeoutMinutes = 30;
+        bool operator==(const Settings&) const = default;
+    };
+
+    struct Dependencies {
+        std::vector<std::unique_ptr<SessionSource>> sources;
+        std::function<ProcessDiscovery::Pass()> discover;  // empty: no process table
+        std::function<HookSnapshot(Date now)> hooks;  // empty: no hook bridge
+        std::function<bool()> lowPowerMode;           // empty: never
+        std::function<Date()> clock;                  // empty: the system clock
+        RunLoop* loop = nullptr;                      // empty: RunLoop::main()
+    };
+
+    // What an alert asks the front end to do beyond showing the peek.
+    struct Alert {
+        PeekEvent peek;
+        bool sound = false;  // ring the done or needs-you sound
+    };
+
+    explicit ClaudeMonitor(Dependencies deps);
+    ~ClaudeMonitor();
+
+    // Schedules the refresh timer and runs the first refresh.
+    void start();
+    // Invalidates the timer; a scan in flight finishes without publishing.
+    void stop();
+    // Asks for a scan as soon as possible. Safe from any thread: it only posts
+    // to the main loop, so it never blocks the caller.
+    void refreshNow();
+    // A synchronous scan that returns the list without publishing or alerting.
+    std::vector<AgentInstance> scanOnce();
+
+    void setSettings(const Settings& settings);
+    const Settings& settings() const { return settings_; }
+
+    // Published state.
+    const std::vector<AgentInstance>& instances() const { return instances_; }
+    const std::optional<PeekEvent>& peekEvent() const { return peekEvent_; }
+    std::optional<AgentStatus> lastAlertStatus() const { return lastAlertStatus_; }
+    long long completionPulse() const { return completionPulse_; }
+    const std::set<std::string>& unseenCompletions() const { return unseen_; }
+    const std::set<std::string>& acknowledgedAttention() const { return acknowledged_; }
+    // True when some session is not idle, or idle for less than 900 s.
+    bool agentsActive() const;
+    std::optional<StatusRules::Seconds> scheduledRefreshInterval() const { return scheduledInterval_; }
+    // How many scans have been published (diagnostics and tests).
+    long long publishCount() const { return publishCount_; }
+
+    // The user looked at a session's row: its completion is seen and its needs-you acknowledged.
+    void sawRow(const std::string& sessionId);
+
+    // Called after every publish.
+    void setOnPublish(std::function<void()> f) { onPublish_ = std::move(f); }
+    // Called for every alert, after the publish that raised it.
+    void setOnAlert(std::function<void(const Alert&)> f) { onAlert_ = std::move(f); }
+
+private:
+    struct RawScan {
+        Date now;
+        std::vector<SessionObservation> observations;
+        HookSnapshot hooks;
+    };
+
+    RawScan collect();
+    std::vector<AgentInstance> derive(const RawScan& raw, bool remember);
+    void requestScan();
+    void finishScan(RawScan raw);
+    void emitAlerts(const std::vector<AgentInstance>& next, Date now);
+    void scheduleRefreshTimer();
+    Date now() const;
+
+    Dependencies deps_;
+    RunLoop& loop_;
+    Settings settings_;
+    std::unique_ptr<SerialQueue> queue_;
+
+    // Main-thread state.
+    std::vector<AgentInstance> instances_;
+    std::optional<PeekEvent> peekEvent_;
+    std::optional<AgentStatus> lastAlertStatus_;
+    long long completionPulse_ = 0;
+    long long nextToken_ = 1;
+    long long publishCount_ = 0;
+    std::map<std::string, int> alertCounts_;
+    std::set<std::string> unseen_;
+    std::set<std::string> acknowledged_;
+    std::map<std::string, Date> lastSeenAt_;
+    std::map<std::string, SessionDerivation::Memo> memos_;
+    bool scanInFlight_ = false;
+    bool rescanRequested_ = false;
+    bool running_ = false;
+    bool firstPublish_ = true;
+    std::optional<RunLoop::TimerId> timer_;
+    std::optional<StatusRules::Seconds> scheduledInterval_;
+    std::function<void()> onPublish_;
+    std::function<void(const Alert&)> onAlert_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace lumora

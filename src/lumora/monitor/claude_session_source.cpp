@@ -1,0 +1,82 @@
+#include "lumora/monitor/claude_session_source.hpp"
+
+#include <set>
+
+#include "lumora/monitor/worktree_resolver.hpp"
+
+#include "scrivet/claude_transcript_reader.hpp"
+
+namespace lumora {
+
+namespace Reader = scrivet::ClaudeTranscriptReader;
+
+ClaudeSessionSource::ClaudeSessionSource(Paths paths, SDKHostMemory& hostMemory, IsRunning isRunning)
+    : paths_(std::move(paths)), hostMemory_(hostMemory), isRunning_(std::move(isRunning)) {}
+
+std::string ClaudeSessionSource::projectName(const std::string& cwd, const std::optional<std::string>& repoName) {
+    if (repoName && !repoName->empty()) return *repoName;
+    auto name = std::filesystem::path(cwd).filename().string();
+    return name.empty() ? cwd : name;
+}
+
+std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& ctx) {
+    std::vector<SessionObservation> out;
+    std::set<std::string> seen;
+    if (ctx.processes) {
+        for (const auto& agent : ctx.processes->agents) {
+            if (agent.provider != HarnessProvider::claudeCode) continue;
+            SessionObservation o;
+            o.id = sessionIdentity(agent.sessionId, agent.cwd, agent.pid);
+            o.provider = HarnessProvider::claudeCode;
+            o.pid = agent.pid;
+            o.cwd = agent.cwd;
+            o.repoName = agent.worktree.repoName;
+            o.isWorktree = agent.worktree.isWorktree;
+            o.worktreeName = agent.worktree.worktreeName;
+            o.projectName = projectName(agent.cwd, o.repoName);
+            o.gitBranch = agent.gitBranch;
+            o.host = agent.host;
+            o.cpu = agent.cpu;
+            if (agent.sessionId) {
+                auto file = Reader::transcriptURL(paths_.projects, agent.cwd, *agent.sessionId);
+                o.info = Reader::info(file, agent.cwd, paths_.claudeConfig);
+            }
+            if (o.info) o.backgroundActive = o.info->pendingBackgroundAgents > 0 && o.info->recentSubagentActivity;
+            if (const auto& rec = agent.indexRecord; rec && rec->status) {
+                o.selfReport = SessionObservation::SelfReport{*rec->status, rec->waitingFor, rec->statusUpdatedAt};
+            }
+            // A process driven by an SDK host teaches us that host for its session.
+            if (agent.sessionId && agent.host && agent.host->kind == AgentHost::Kind::app)
+                hostMemory_.learn(*agent.sessionId, *agent.host, ctx.now);
+            seen.insert(o.id);
+            out.push_back(std::move(o));
+        }
+    }
+
+    // Sessions driven through the SDK by a host application that runs.
+    static const ProcessSnapshot kNoProcesses;
+    const ProcessSnapshot& snapshot = ctx.processes ? ctx.processes->snapshot : kNoProcesses;
+    auto isRunning = [&](const std::string& appId) { return isRunning_ && isRunning_(appId, snapshot); };
+    for (auto& sdk : SDKSessionReader::runningSessions(paths_.projects, paths_.claudeConfig, ctx.now)) {
+        if (seen.count(sdk.sessionId)) continue;
+        auto host = sdkSessionHost(sdk, hostMemory_, isRunning);
+        if (!host) continue;  // a ghost: its host is not known to run
+        SessionObservation o;
+        o.id = sdk.sessionId;
+        o.cwd = sdk.cwd;
+        auto repo = WorktreeResolver::resolve(sdk.cwd);
+        o.repoName = repo.repoName;
+        o.isWorktree = repo.isWorktree;
+        o.worktreeName = repo.worktreeName;
+        o.projectName = projectName(sdk.cwd, repo.repoName);
+        o.gitBranch = WorktreeResolver::currentBranch(sdk.cwd);
+        o.host = host;
+        o.info = sdk.info;
+        if (o.info) o.backgroundActive = o.info->pendingBackgroundAgents > 0 && o.info->recentSubagentActivity;
+        seen.insert(o.id);
+        out.push_back(std::move(o));
+    }
+    return out;
+}
+
+}  // namespace lumora

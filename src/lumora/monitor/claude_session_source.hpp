@@ -1,0 +1,39 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+
+#include "lumora/monitor/claude_monitor.hpp"
+#include "lumora/monitor/sdk_sessions.hpp"
+
+namespace lumora {
+
+// Claude Code's sessions: the `claude` processes of the scan's process pass,
+// each paired with its journal, and the SDK-driven sessions whose host
+// application runs. Journals are read with the Claude transcript reader.
+class ClaudeSessionSource : public SessionSource {
+public:
+    struct Paths {
+        std::filesystem::path projects;      // ~/.claude/projects
+        std::filesystem::path claudeConfig;  // ~/.claude.json
+        std::filesystem::path tempFolder;    // where background-task output lives
+    };
+
+    // Tells whether an application (by desktop id) runs, as of a process pass.
+    using IsRunning = std::function<bool(const std::string& appId, const ProcessSnapshot& snapshot)>;
+
+    // `hostMemory` learns the hosts of live SDK-driven processes.
+    ClaudeSessionSource(Paths paths, SDKHostMemory& hostMemory, IsRunning isRunning);
+
+    std::vector<SessionObservation> observe(const ScanContext& context) override;
+
+    // The row's title: the repository's name, else the folder's.
+    static std::string projectName(const std::string& cwd, const std::optional<std::string>& repoName);
+
+private:
+    Paths paths_;
+    SDKHostMemory& hostMemory_;
+    IsRunning isRunning_;
+};
+
+}  // namespace lumora

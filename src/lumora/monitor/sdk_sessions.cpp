@@ -1,0 +1,259 @@
+#include "lumora/monitor/sdk_sessions.hpp"
+
+#include <algorithm>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <unordered_map>
+
+#include "lumora/app/defaults_store.hpp"
+#include "lumora/platform/paths.hpp"
+#include "scrivet/claude_transcript_reader.hpp"
+#include "scrivet/journal_entry.hpp"
+#include "scrivet/tail_reader.hpp"
+
+namespace lumora {
+
+namespace SDKSessionReader {
+
+namespace {
+
+// How much of a journal's beginning is searched for its entrypoint.
+constexpr size_t kHeadBytes = 256 * 1024;
+
+// A journal's head never changes, so it is read once per file.
+struct HeadCache {
+    std::mutex mutex;
+    std::unordered_map<std::string, std::optional<Head>> heads;
+};
+HeadCache& headCache() {
+    static HeadCache cache;
+    return cache;
+}
+
+std::optional<Head> cachedHead(const fs::path& file) {
+    auto& cache = headCache();
+    {
+        std::lock_guard lock(cache.mutex);
+        if (auto it = cache.heads.find(file.string()); it != cache.heads.end()) return it->second;
+    }
+    auto head = readHead(file);
+    // A journal whose first entries are still being written is read again next time.
+    if (!head) return head;
+    std::lock_guard lock(cache.mutex);
+    if (cache.heads.size() > 4096) cache.heads.clear();
+    cache.heads.emplace(file.string(), head);
+    return head;
+}
+
+Date fileTime(fs::file_time_type t) {
+    return std::chrono::time_point_cast<Date::duration>(std::chrono::file_clock::to_sys(t));
+}
+
+// The time of the newest "user" or "assistant" entry in the journal's tail.
+std::optional<Date> lastTurn(const fs::path& file) {
+    auto entries = scrivet::TailReader::entries(
+        file, 200, [](std::string_view type) { return type == "user" || type == "assistant"; });
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+        if (auto ts = it->string("timestamp")) {
+            if (auto d = scrivet::parseIsoDate(*ts)) return *d;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string lastComponent(const std::string& path) {
+    fs::path p = fs::path(path).lexically_normal();
+    if (!p.has_filename()) p = p.parent_path();
+    return p.filename().string();
+}
+
+}  // namespace
+
+std::optional<Head> readHead(const fs::path& transcript) {
+    std::ifstream in(transcript, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::string buf(kHeadBytes, '\0');
+    in.read(buf.data(), static_cast<std::streamsize>(buf.size()));
+    buf.resize(static_cast<size_t>(in.gcount()));
+    std::optional<std::string> cwd;
+    size_t pos = 0;
+    while (pos < buf.size()) {
+        size_t nl = buf.find('\n', pos);
+        if (nl == std::string::npos) break;  // a cut last line is not read
+        auto j = nlohmann::json::parse(buf.begin() + static_cast<long>(pos), buf.begin() + static_cast<long>(nl),
+                                       nullptr, false);
+        pos = nl + 1;
+        if (!j.is_object()) continue;
+        if (!cwd) {
+            if (auto it = j.find("cwd"); it != j.end() && it->is_string()) cwd = it->get<std::string>();
+        }
+        auto ep = j.find("entrypoint");
+        if (ep == j.end() || !ep->is_string()) continue;
+        Head h{ep->get<std::string>(), cwd};
+        return h;
+    }
+    return std::nullopt;
+}
+
+std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::path& claudeConfig, Date now,
+                                        std::chrono::seconds maxAge) {
+    std::map<std::string, SDKSession> byCwd;
+    std::error_code ec;
+    for (fs::directory_iterator dir(projectsRoot, ec), end; !ec && dir != end; dir.increment(ec)) {
+        std::error_code dirEc;
+        if (!dir->is_directory(dirEc)) continue;
+        for (fs::directory_iterator it(dir->path(), dirEc); !dirEc && it != end; it.increment(dirEc)) {
+            const fs::path& file = it->path();
+            if (file.extension() != ".jsonl") continue;
+            std::error_code statEc;
+            auto mtime = it->last_write_time(statEc);
+            if (statEc || now - fileTime(mtime) > maxAge) continue;
+            auto head = cachedHead(file);
+            if (!head || !head->entrypoint.starts_with("sdk-") || !head->cwd) continue;
+            // A recently touched journal whose last turn is old is residue.
+            auto turn = lastTurn(file);
+            if (turn && now - *turn > maxAge) continue;
+            SDKSession s;
+            s.sessionId = file.stem().string();
+            s.cwd = *head->cwd;
+            s.projectName = lastComponent(s.cwd);
+            s.entrypoint = head->entrypoint;
+            s.transcript = file;
+            s.lastActivity = turn.value_or(fileTime(mtime));
+            auto existing = byCwd.find(s.cwd);
+            if (existing != byCwd.end() && existing->second.lastActivity >= s.lastActivity) continue;
+            byCwd[s.cwd] = std::move(s);
+        }
+    }
+    std::vector<SDKSession> out;
+    for (auto& [cwd, s] : byCwd) {
+        s.info = scrivet::ClaudeTranscriptReader::info(s.transcript, s.cwd, claudeConfig);
+        if (s.info) {
+            s.model = s.info->model;
+            s.contextTokens = s.info->contextTokens;
+        }
+        out.push_back(std::move(s));
+    }
+    std::sort(out.begin(), out.end(),
+              [](const SDKSession& a, const SDKSession& b) { return a.lastActivity > b.lastActivity; });
+    return out;
+}
+
+}  // namespace SDKSessionReader
+
+// --- SDKHostMemory -----------------------------------------------------------------
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+int64_t epochMillis(Date d) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(d.time_since_epoch()).count();
+}
+
+std::optional<AgentHost::Kind> kindFromName(const std::string& name) {
+    if (name == "terminal") return AgentHost::Kind::terminal;
+    if (name == "ide") return AgentHost::Kind::ide;
+    if (name == "app") return AgentHost::Kind::app;
+    return std::nullopt;
+}
+
+}  // namespace
+
+SDKHostMemory& SDKHostMemory::shared() {
+    static SDKHostMemory memory(DefaultsStore::shared());
+    return memory;
+}
+
+SDKHostMemory::SDKHostMemory(DefaultsStore& store) : store_(store) { load(); }
+
+void SDKHostMemory::load() {
+    auto stored = store_.dictionary(kDefaultsKey);
+    if (!stored) return;
+    for (const auto& [id, v] : stored->items()) {
+        if (!v.is_object()) continue;
+        auto kind = kindFromName(v.value("kind", ""));
+        auto seen = v.find("lastSeen");
+        if (!kind || seen == v.end() || !seen->is_number()) continue;
+        Entry e;
+        e.host.kind = *kind;
+        e.host.appName = v.value("appName", "");
+        if (auto b = v.find("bundleID"); b != v.end() && b->is_string()) e.host.bundleID = b->get<std::string>();
+        e.lastSeen = Date(std::chrono::milliseconds(seen->get<int64_t>()));
+        entries_[id] = std::move(e);
+    }
+}
+
+void SDKHostMemory::save(Date now) {
+    std::erase_if(entries_, [&](const auto& kv) { return now - kv.second.lastSeen > kMaxAge; });
+    while (entries_.size() > kCapacity) {
+        auto oldest = std::min_element(entries_.begin(), entries_.end(), [](const auto& a, const auto& b) {
+            return a.second.lastSeen < b.second.lastSeen;
+        });
+        entries_.erase(oldest);
+    }
+    Json out = Json::object();
+    for (const auto& [id, e] : entries_) {
+        Json v = Json::object();
+        v["kind"] = std::string(kindName(e.host.kind));
+        v["appName"] = e.host.appName;
+        if (e.host.bundleID) v["bundleID"] = *e.host.bundleID;
+        v["lastSeen"] = epochMillis(e.lastSeen);
+        out[id] = std::move(v);
+    }
+    store_.setValue(kDefaultsKey, std::move(out));
+}
+
+bool SDKHostMemory::learn(const std::string& sessionId, const AgentHost& host, Date now) {
+    if (host.kind != AgentHost::Kind::app || !host.bundleID || host.bundleID->empty()) return false;
+    std::lock_guard lock(mutex_);
+    auto it = entries_.find(sessionId);
+    // Seeing the same host again only refreshes the time now and then.
+    if (it != entries_.end() && it->second.host == host && now - it->second.lastSeen < std::chrono::minutes(1))
+        return true;
+    entries_[sessionId] = Entry{host, now};
+    save(now);
+    return true;
+}
+
+std::optional<AgentHost> SDKHostMemory::host(const std::string& sessionId) const {
+    std::lock_guard lock(mutex_);
+    auto it = entries_.find(sessionId);
+    if (it == entries_.end()) return std::nullopt;
+    return it->second.host;
+}
+
+std::map<std::string, SDKHostMemory::Entry> SDKHostMemory::entries() const {
+    std::lock_guard lock(mutex_);
+    return entries_;
+}
+
+size_t SDKHostMemory::size() const {
+    std::lock_guard lock(mutex_);
+    return entries_.size();
+}
+
+fs::path conductorWorkspaces() { return Paths::home() / "conductor" / "workspaces"; }
+
+std::optional<AgentHost> sdkSessionHost(const SDKSession& session, const SDKHostMemory& memory,
+                                        const std::function<bool(const std::string& appId)>& isRunning,
+                                        const fs::path& workspaces) {
+    if (auto learned = memory.host(session.sessionId)) {
+        if (learned->kind == AgentHost::Kind::app && learned->bundleID && isRunning(*learned->bundleID))
+            return learned;
+        return std::nullopt;
+    }
+    std::string root = workspaces.lexically_normal().string();
+    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    bool inWorkspaces = session.cwd.size() > root.size() + 1 && session.cwd.starts_with(root) &&
+                        session.cwd[root.size()] == '/';
+    if (!inWorkspaces) return std::nullopt;  // includes the "sdk-cli" one-shots with no known host
+    if (!isRunning(kConductorAppId)) return std::nullopt;
+    AgentHost conductor;
+    conductor.kind = AgentHost::Kind::app;
+    conductor.appName = "Conductor";
+    conductor.bundleID = kConductorAppId;
+    return conductor;
+}
+
+}  // namespace lumora

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "lumora/app/run_loop.hpp"
+#include "lumora/ui/view_backend.hpp"
+#include "lumora/ui/view_state.hpp"
+
+// The full-screen terminal view (ncurses) over any ViewBackend.
+namespace lumora::ui {
+
+struct TerminalViewOptions {
+    // The settings to draw with; read again on every change. Defaults to the
+    // user's settings (SettingsStore::shared()).
+    std::function<ViewSettings()> settings;
+    // Runs when the user quits, while the screen is still up and before the
+    // loop stops: the place to answer held gates and save state.
+    std::function<void()> onQuit;
+    // The loop whose posted tasks and timers run while the view waits for
+    // keys. Defaults to RunLoop::main().
+    RunLoop* loop = nullptr;
+};
+
+// True when standard input and output are both terminals, so the view can run.
+bool terminalAvailable();
+
+// Runs the view until the user quits (q, Ctrl-C, a closed terminal) and
+// returns the exit code: 0 after a clean quit, 1 when there is no terminal.
+// Sleeps in poll() on the terminal and the loop's wake-up descriptor until a
+// key, a posted task, a timer or the next timed redraw, so an unchanging
+// screen costs no processor time. Logging must already go somewhere other
+// than the terminal (Log::toFile).
+int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options = {});
+
+// The view drawn once as plain text, `width` columns wide, for when there is
+// no terminal to draw on.
+std::string plainSnapshot(ViewBackend& backend, const ViewSettings& settings, int width = 100);
+
+// `lumora --demo`: the view over DemoBackend's scripted sessions; a plain
+// snapshot when there is no terminal.
+int runDemo();
+
+}  // namespace lumora::ui

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "lumora/hooks/approval_request.hpp"
+#include "lumora/monitor/agent_instance.hpp"
+#include "lumora/monitor/peek_event.hpp"
+
+namespace lumora {
+
+// One button an approval row offers.
+struct ApprovalChoice {
+    enum class Kind { approve, deny, allowSession, allowAlways };
+    Kind kind = Kind::approve;
+    std::string label;  // "Approve", "Deny", "Allow git, npm this session", "Always allow git, npm"
+    bool operator==(const ApprovalChoice&) const = default;
+};
+
+// What a front end (the terminal view, later the notch) reads and does. The
+// app implements it over the monitor, the hook bridge and the approval
+// rules; tests and the demonstration mode implement it with scripted data.
+// Every call happens on the main run loop's thread.
+class ViewBackend {
+public:
+    virtual ~ViewBackend() = default;
+
+    // The published session list, in the monitor's order.
+    virtual std::vector<AgentInstance> instances() const = 0;
+    // Sessions whose finished turn the user has not seen yet.
+    virtual std::set<std::string> unseenCompletions() const = 0;
+    // Needs-you sessions the user has already looked at.
+    virtual std::set<std::string> acknowledgedAttention() const = 0;
+    // The latest peek event, if any (its token tells a new one from an old one).
+    virtual std::optional<PeekEvent> peekEvent() const = 0;
+
+    // The buttons for an approval: none for a display-only one.
+    virtual std::vector<ApprovalChoice> approvalChoices(const ApprovalRequest& request) const = 0;
+    // Carries out a choice; returns the row's confirmation ("Approved · this
+    // session", "Approved · won't ask again"), if it has one.
+    virtual std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) = 0;
+    // The user looked at a session's row (acknowledges a needs-you, sees a completion).
+    virtual void sawRow(const std::string& sessionId) = 0;
+
+    // Called (on the main loop) whenever anything above may have changed.
+    virtual void setOnChange(std::function<void()> onChange) = 0;
+};
+
+}  // namespace lumora

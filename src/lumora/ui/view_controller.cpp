@@ -1,0 +1,148 @@
+#include "lumora/ui/view_controller.hpp"
+
+#include <curses.h>
+
+#include <algorithm>
+
+#include "lumora/ui/view_renderer.hpp"
+
+namespace lumora::ui {
+
+Key keyFromInput(int ch) {
+    switch (ch) {
+        case KEY_UP: case 'k': return Key::up;
+        case KEY_DOWN: case 'j': return Key::down;
+        case KEY_PPAGE: return Key::pageUp;
+        case KEY_NPAGE: case ' ': return Key::pageDown;
+        case KEY_HOME: case 'g': return Key::home;
+        case KEY_END: case 'G': return Key::end;
+        case KEY_ENTER: case '\n': case '\r': return Key::expand;
+        case 'a': return Key::approve;
+        case 'd': return Key::deny;
+        case 's': return Key::allowSession;
+        case 'A': return Key::allowAlways;
+        case '?': case KEY_F(1): case 'h': return Key::help;
+        case 'q': case 'Q': case KEY_F(10): return Key::quit;
+        case 27: return Key::escape;
+        default: return Key::other;
+    }
+}
+
+ViewController::ViewController(ViewBackend& backend, SettingsSource settings, Clock clock)
+    : backend_(backend), settings_(std::move(settings)), clock_(std::move(clock)) {
+    if (!clock_) clock_ = [] { return std::chrono::system_clock::now(); };
+    refresh();
+}
+
+void ViewController::refresh() {
+    model_ = ViewModel::read(backend_, settings_ ? settings_() : ViewSettings{}, clock_());
+    pageRows_ = std::max(1, model_.settings.visibleRowLimit);
+    if (model_.peek) {
+        // A peek that was there before the view opened is old news.
+        if (lastPeekToken_ >= 0 && model_.peek->token != lastPeekToken_) {
+            const auto& p = *model_.peek;
+            std::string who = p.projectName.empty() ? std::string(scrivet::displayName(p.provider)) : p.projectName;
+            note(who + ": " + p.ask, p.done ? AgentStatus::waiting : AgentStatus::attention, p.done);
+            if (model_.settings.soundEnabled) bell_ = true;
+        }
+        lastPeekToken_ = model_.peek->token;
+    } else if (lastPeekToken_ < 0) {
+        lastPeekToken_ = 0;
+    }
+    ViewNav::reconcile(state_, ViewNav::rows(model_, state_));
+}
+
+void ViewController::note(std::string text, AgentStatus status, bool done) {
+    state_.note = StatusNote{std::move(text), status, done, model_.now + kPeekShown};
+}
+
+void ViewController::sawSelected() {
+    auto rows = ViewNav::rows(model_, state_);
+    if (const auto* a = ViewNav::selected(state_, rows)) {
+        bool worthTelling = (a->status == AgentStatus::attention && !model_.acknowledged.count(a->id)) ||
+                            model_.unseen.count(a->id);
+        if (worthTelling) backend_.sawRow(a->id);
+    }
+}
+
+bool ViewController::handle(Key key) {
+    model_.now = clock_();
+    if (state_.helpShown && key != Key::quit) {
+        // Any key closes the help.
+        state_.helpShown = false;
+        return true;
+    }
+    switch (key) {
+        case Key::quit: return false;
+        case Key::help: state_.helpShown = true; return true;
+        case Key::up: ViewNav::move(state_, model_, -1); break;
+        case Key::down: ViewNav::move(state_, model_, 1); break;
+        case Key::pageUp: ViewNav::move(state_, model_, -pageRows_); break;
+        case Key::pageDown: ViewNav::move(state_, model_, pageRows_); break;
+        case Key::home: ViewNav::moveToEnd(state_, model_, false); break;
+        case Key::end: ViewNav::moveToEnd(state_, model_, true); break;
+        case Key::expand:
+            ViewNav::freeze(state_, model_);
+            state_.expanded = !state_.expanded;
+            break;
+        case Key::approve: choose(ApprovalChoice::Kind::approve); break;
+        case Key::deny: choose(ApprovalChoice::Kind::deny); break;
+        case Key::allowSession: choose(ApprovalChoice::Kind::allowSession); break;
+        case Key::allowAlways: choose(ApprovalChoice::Kind::allowAlways); break;
+        case Key::escape: state_.expanded = false; return true;
+        case Key::other: return true;
+    }
+    sawSelected();
+    return true;
+}
+
+void ViewController::choose(ApprovalChoice::Kind kind) {
+    auto rows = ViewNav::rows(model_, state_);
+    const auto* a = ViewNav::selected(state_, rows);
+    if (!a || !a->approval) {
+        note("Nothing to approve on this row", AgentStatus::idle);
+        return;
+    }
+    auto request = *a->approval;
+    std::string project = a->projectName;
+    auto it = model_.choices.find(a->id);
+    bool offered = it != model_.choices.end() &&
+                   std::any_of(it->second.begin(), it->second.end(), [&](const ApprovalChoice& c) { return c.kind == kind; });
+    if (!offered) {
+        if (!request.approvable || it == model_.choices.end() || it->second.empty())
+            note("Answer this one in " + project + "'s own prompt", AgentStatus::idle);
+        else
+            note("That choice is not offered for this request", AgentStatus::idle);
+        return;
+    }
+    ViewNav::freeze(state_, model_);
+    auto confirmation = backend_.choose(request, kind);
+    if (confirmation) {
+        state_.confirmations[a->id] = Confirmation{*confirmation, model_.now + kConfirmationShown};
+    } else {
+        bool deny = kind == ApprovalChoice::Kind::deny;
+        note(std::string(deny ? "Denied" : "Approved") + " · " + project, deny ? AgentStatus::attention : AgentStatus::working,
+             !deny);
+    }
+    refresh();
+}
+
+Frame ViewController::frame(int width, int height) {
+    model_.now = clock_();
+    ViewNav::expire(state_, model_.now);
+    auto rows = ViewNav::rows(model_, state_);
+    ViewNav::reconcile(state_, rows);
+    Frame f = ViewRenderer::render(model_, state_, width, height);
+    state_.scrollTop = f.scrollTop;
+    return f;
+}
+
+bool ViewController::takeBell() { return std::exchange(bell_, false); }
+
+Date ViewController::nextWake() const {
+    Date wake = clock_() + kAgeTick;
+    if (auto d = ViewNav::nextDeadline(state_)) wake = std::min(wake, *d);
+    return wake;
+}
+
+}  // namespace lumora::ui

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+#include "lumora/ui/frame.hpp"
+#include "lumora/ui/view_state.hpp"
+
+// Draws the terminal view into a Frame: the tab line, the column header, one
+// row per session (the selected one expanded on request), the status line and
+// the key bar. Pure: the same model, state and size always give the same frame.
+namespace lumora::ui::ViewRenderer {
+
+inline constexpr int kMinWidth = 40;
+inline constexpr int kMinHeight = 8;
+
+// The whole screen, exactly `width` × `height`.
+Frame render(const ViewModel& model, const ViewState& state, int width, int height);
+
+// "now", "12m", "3h", "4d".
+std::string ageText(Date lastActivity, Date now);
+// Two letters per provider for the tab's harness marks: "CC", "Cu", "Cx", "Ki", "OC".
+std::string providerInitials(HarnessProvider p);
+// The context column: a gauge of `cells` blocks and the token count, "~"
+// marking a window size guessed from the model name ("████░░ 42k~").
+std::string contextText(const AgentInstance& a, int cells);
+// What an approval asks for on one line: "Bash: git status && npm test".
+std::string approvalLine(const ApprovalRequest& request);
+
+}  // namespace lumora::ui::ViewRenderer
