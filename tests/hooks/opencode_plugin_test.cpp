@@ -6,6 +6,9 @@
 #include <fstream>
 
 #include "hooks/fake_hook_server.hpp"
+#include "lumora/app/defaults_store.hpp"
+#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/hooks/opencode_hooks.hpp"
 #include "lumora/platform/child_process.hpp"
 #include "support/test_support.hpp"
@@ -152,4 +155,29 @@ TEST_F(OpenCodePlugin, WithoutLumoraNothingHappensAndNothingBreaks) {
         EXPECT_NE(line.find("from \"node:"), std::string::npos) << line;
         pos = eol;
     }
+}
+
+TEST_F(OpenCodePlugin, AQuestionReachesTheRealBridge) {
+    server_->stop();
+    fs::create_directories(dir_ / "support");
+    fs::permissions(dir_ / "support", fs::perms::owner_all);
+    DefaultsStore defaults(dir_ / "defaults.json");
+    ApprovalRulesStore rules(defaults);
+    HookBridgeOptions options;
+    options.traceFile = std::nullopt;
+    HookBridge bridge(dir_ / "support/notch.sock", dir_ / "support", rules, options);
+    ASSERT_TRUE(bridge.start());
+    // Up to the question, before the user answers it in OpenCode.
+    std::vector<Json> events;
+    for (const auto& e : scenarioEvents("serve-ask-question")) {
+        events.push_back(e);
+        if (e["type"] == "question.asked") break;
+    }
+    drive(events, (dir_ / "support/notch.sock").string());
+    auto markers = bridge.openCodeMarkers();
+    ASSERT_EQ(markers.size(), 1u);
+    EXPECT_EQ(markers[0].sessionId, "ses_dff41bbb3ffekfmJADuJxTgj1K");
+    EXPECT_EQ(markers[0].kind, "question");
+    EXPECT_EQ(markers[0].detail, "Which database should the service use?");
+    bridge.stop();
 }

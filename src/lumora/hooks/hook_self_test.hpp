@@ -30,8 +30,8 @@ public:
     virtual bool hasCursorPending(const std::string& conversationId) = 0;
 };
 
-// The app's hook bridge on `socket`, keeping its files in `folder`; nothing
-// when this build has no bridge.
+// The app's hook bridge on `socket`, keeping its files (state, approvals log,
+// its own rules store) in `folder`.
 std::unique_ptr<Bridge> makeBridge(const fs::path& socket, const fs::path& folder);
 
 struct Check {

@@ -1,7 +1,6 @@
 // The self-test's adapter over the app's hook bridge.
 #include "lumora/hooks/hook_self_test.hpp"
 
-#if __has_include("lumora/hooks/hook_bridge.hpp")
 #include <algorithm>
 
 #include "lumora/app/defaults_store.hpp"
@@ -54,13 +53,3 @@ std::unique_ptr<Bridge> makeBridge(const fs::path& socket, const fs::path& folde
 }
 
 }  // namespace lumora::HookSelfTest
-
-#else
-
-namespace lumora::HookSelfTest {
-
-std::unique_ptr<Bridge> makeBridge(const fs::path&, const fs::path&) { return nullptr; }
-
-}  // namespace lumora::HookSelfTest
-
-#endif
