@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "lumora/app/log.hpp"
+#include "lumora/app/transcript_command.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora::CommandLine {
@@ -26,6 +27,9 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", std::string("lumora ") + LUMORA_VERSION);
     bool paths = false;
     app.add_flag("--paths", paths, "Print every folder and file Lumora uses");
+    std::string transcript;
+    app.add_option("--transcript", transcript, "Print what the Claude reader draws from one journal FILE")
+        ->option_text("FILE");
 
     try {
         app.parse(argc, argv);
@@ -35,6 +39,7 @@ int run(int argc, char** argv) {
     Log::toStderr();
 
     if (paths) return printPaths();
+    if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
 
     std::cout << "lumora " << LUMORA_VERSION << ": nothing to do yet; try --help\n";
     return 0;
