@@ -14,6 +14,9 @@ namespace scrivet::JournalScan {
 namespace {
 
 constexpr size_t kChunk = 8 * 1024 * 1024;
+// A line longer than this is no line a scan looks for (a binary file, or a
+// giant tool result): it is skipped rather than held in memory.
+constexpr size_t kMaxLine = 64 * 1024 * 1024;
 constexpr size_t kPadding = simdjson::SIMDJSON_PADDING;
 
 // Hands on the lines of `region` (complete lines only) that hold a needle.
@@ -66,12 +69,21 @@ std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
     std::vector<std::pair<size_t, size_t>> hits;
     size_t have = 0;          // bytes in the buffer not yet handed on
     uint64_t offset = from;   // file offset of buffer[0]
+    bool skipping = false;    // inside an overlong line, dropping bytes to its end
+    uint64_t skipStart = 0;   // where that line began
     for (;;) {
         size_t room = buffer.size() - kPadding;
         if (have == room) {
-            // One line longer than the buffer: grow until it fits.
-            buffer.resize(room * 2 + kPadding, '\0');
-            room = buffer.size() - kPadding;
+            if (room >= kMaxLine) {
+                if (!skipping) skipStart = offset;
+                skipping = true;
+                offset += have;
+                have = 0;
+            } else {
+                // One line longer than the buffer: grow until it fits.
+                buffer.resize(room * 2 + kPadding, '\0');
+                room = buffer.size() - kPadding;
+            }
         }
         ssize_t n = ::pread(fd, buffer.data() + have, room - have, static_cast<off_t>(offset + have));
         if (n < 0) {
@@ -80,7 +92,17 @@ std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
             return std::nullopt;
         }
         if (n == 0) break;
+        size_t fresh = have;
         have += static_cast<size_t>(n);
+        if (skipping) {
+            const void* nl = ::memchr(buffer.data() + fresh, '\n', have - fresh);
+            if (!nl) continue;
+            size_t dropped = static_cast<size_t>(static_cast<const char*>(nl) - buffer.data()) + 1;
+            std::memmove(buffer.data(), buffer.data() + dropped, have - dropped);
+            have -= dropped;
+            offset += dropped;
+            skipping = false;
+        }
         const void* lastNl = ::memrchr(buffer.data(), '\n', have);
         if (!lastNl) continue;
         size_t complete = static_cast<size_t>(static_cast<const char*>(lastNl) - buffer.data()) + 1;
@@ -90,7 +112,7 @@ std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
         offset += complete;
     }
     ::close(fd);
-    return offset;
+    return skipping ? skipStart : offset;
 }
 
 void scanBytes(std::string_view bytes, const std::vector<std::string_view>& needles,

@@ -99,3 +99,18 @@ TEST(BackgroundLedger, OnlyRealNotificationEntriesClearTasks) {
         R"({"type":"user","message":{"role":"user","content":[{"type":"text","text":"<task-notification>\n<task-id> a1 </task-id>"}]}})"));
     EXPECT_TRUE(ledger.pending.empty());
 }
+
+TEST(BackgroundLedger, SkipsAnOverlongLineWithoutHoldingIt) {
+    TempDir dir;
+    auto file = dir / "long.jsonl";
+    ClaudeJournal j;
+    launch(launch(j.prompt("go"), "t1", "agA"), "t2", "agB");
+    j.writeTo(file);
+    // 70 MB with no newline (a hole reads as zero bytes), then more turns.
+    auto before = fs::file_size(file);
+    fs::resize_file(file, before + 70 * 1000 * 1000);
+    ClaudeJournal after;
+    after.line("").taskNotification("agA", "done");
+    after.appendTo(file);
+    EXPECT_EQ(pending(file), (std::set<std::string>{"agB"}));
+}
