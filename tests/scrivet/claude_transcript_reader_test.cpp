@@ -485,11 +485,12 @@ TEST(ClaudeTranscriptReader, BadInputNeverCrashes) {
     ClaudeJournal odd;
     odd.line(R"({"type":"assistant","message":{"content":"plain","usage":{"input_tokens":"many"},"model":7,"stop_reason":3}})");
     odd.line(R"({"type":"user","message":{"content":[{"type":"tool_result","content":{"x":1}},{"type":"text"}]},"toolUseResult":"Error: failed"})");
-    odd.line(R"({"type":"system","subtype":"turn_duration","pendingBackgroundAgentCount":-5})");
+    odd.line(R"({"type":"system","subtype":"turn_duration","pendingBackgroundAgentCount":-5,"timestamp":"9999-12-31T23:59:59Z"})");
     odd.line(R"({"type":"user","message":{"content":[{"type":"tool_use","name":null}]},"gitBranch":"HEAD"})");
     auto oddInfo = home.info(home.write(odd, "odd"));
     EXPECT_FALSE(oddInfo.gitBranch) << "HEAD means detached";
     EXPECT_EQ(oddInfo.pendingBackgroundAgents, 0);
+    EXPECT_LT(oddInfo.lastEntryDate, parseIsoDate("2200-01-01T00:00:00Z").value()) << "an absurd stamp is no date";
 
     // A ~/.claude.json that is not JSON: unknown tier, and fine again once fixed.
     lumora::test::writeFile(home.config, "{ not json");
