@@ -39,7 +39,7 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
             o.cpu = agent.cpu;
             if (agent.sessionId) {
                 auto file = Reader::transcriptURL(paths_.projects, agent.cwd, *agent.sessionId);
-                o.info = Reader::info(file, agent.cwd, paths_.claudeConfig);
+                o.info = Reader::info(file, agent.cwd, paths_.claudeConfig, Reader::ReadOptions{ctx.now, paths_.tempFolder});
             }
             if (o.info) o.backgroundActive = o.info->pendingBackgroundAgents > 0 && o.info->recentSubagentActivity;
             if (const auto& rec = agent.indexRecord; rec && rec->status) {

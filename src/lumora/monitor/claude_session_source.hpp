@@ -16,7 +16,7 @@ public:
     struct Paths {
         std::filesystem::path projects;      // ~/.claude/projects
         std::filesystem::path claudeConfig;  // ~/.claude.json
-        std::filesystem::path tempFolder;    // where background-task output lives
+        std::filesystem::path tempFolder;    // Claude Code's background-task output (<temp>/claude-<uid>)
     };
 
     // Tells whether an application (by desktop id) runs, as of a process pass.
