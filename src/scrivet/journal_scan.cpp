@@ -13,7 +13,7 @@ namespace scrivet::JournalScan {
 
 namespace {
 
-constexpr size_t kChunk = 8 * 1024 * 1024;
+constexpr size_t kChunk = 1024 * 1024;  // grown only for a longer line
 // A line longer than this is no line a scan looks for (a binary file, or a
 // giant tool result): it is skipped rather than held in memory.
 constexpr size_t kMaxLine = 64 * 1024 * 1024;
