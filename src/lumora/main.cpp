@@ -1,3 +1,7 @@
 #include "lumora/app/command_line.hpp"
+#include "lumora/platform/process_memory.hpp"
 
-int main(int argc, char** argv) { return lumora::CommandLine::run(argc, argv); }
+int main(int argc, char** argv) {
+    lumora::ProcessMemory::returnLargeBlocksPromptly();
+    return lumora::CommandLine::run(argc, argv);
+}

@@ -1,8 +1,74 @@
 #include "scrivet/claude_transcript_reader.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <fstream>
+#include <mutex>
+
+#include "scrivet/claude_config.hpp"
+#include "scrivet/claude_subagent_reader.hpp"
+#include "scrivet/tail_reader.hpp"
 
 namespace scrivet::ClaudeTranscriptReader {
+
+namespace {
+
+// Enough lines for many turns; the window (at most 4 MiB) bounds the bytes.
+constexpr size_t kTailLines = 1000;
+constexpr size_t kActivityLines = 8;
+constexpr long long kOneMillion = 1'000'000;
+constexpr long long kTwoHundredK = 200'000;
+
+// The entries a reader derives anything from. Bookkeeping entries (prompt
+// snapshots, request blobs, cost records…) are often the largest lines of a
+// journal and are not kept.
+bool keepType(std::string_view type) {
+    return type == "user" || type == "assistant" || type == "system" || type == "ai-title" ||
+           type == "last-prompt" || type == "mode" || type == "permission-mode" || type == "custom-title" ||
+           type == "summary";
+}
+
+std::optional<Date> modificationDate(const fs::path& file) {
+    struct stat st{};
+    if (::stat(file.c_str(), &st) != 0) return std::nullopt;
+    return Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::seconds(st.st_mtim.tv_sec) +
+                                                                std::chrono::nanoseconds(st.st_mtim.tv_nsec));
+}
+
+std::optional<Date> creationDate(const fs::path& file) {
+    struct statx sx{};
+    if (::statx(AT_FDCWD, file.c_str(), 0, STATX_BTIME, &sx) != 0 || !(sx.stx_mask & STATX_BTIME))
+        return std::nullopt;
+    return Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::seconds(sx.stx_btime.tv_sec) +
+                                                                std::chrono::nanoseconds(sx.stx_btime.tv_nsec));
+}
+
+fs::path defaultClaudeTempFolder() {
+    std::error_code ec;
+    auto temp = fs::temp_directory_path(ec);
+    if (ec) temp = "/tmp";
+    return temp / ("claude-" + std::to_string(::getuid()));
+}
+
+bool withinWindow(std::optional<Date> when, Date now, std::chrono::seconds window) {
+    return when && now - *when <= window;
+}
+
+struct UnknownShapes {
+    std::mutex lock;
+    std::optional<fs::path> directory;
+    std::set<std::string> logged;
+};
+
+UnknownShapes& unknownShapes() {
+    static UnknownShapes shapes;
+    return shapes;
+}
+
+}  // namespace
 
 std::string encodedDirName(const std::string& cwd) {
     std::string out = cwd;
@@ -31,14 +97,166 @@ std::vector<fs::path> recentTranscripts(const fs::path& folder, size_t limit) {
     return out;
 }
 
-// Filled in by the transcript reader proper.
-std::optional<TranscriptInfo> info(const fs::path&, const std::string&, const fs::path&) { return std::nullopt; }
+std::vector<JournalEntry> tailEntries(const fs::path& file) { return TailReader::entries(file, kTailLines, keepType); }
+
+TranscriptInfo infoFromEntries(const std::vector<JournalEntry>& entries, const fs::path& file,
+                               const std::string& cwd, const fs::path& claudeConfig, const ReadOptions& options) {
+    TranscriptInfo info;
+    auto parsed = derive(entries);
+    auto newestEntry = lastEntryDate(entries);
+    info.lastModified = modificationDate(file).value_or(newestEntry.value_or(options.now));
+    info.summary = parsed.summary;
+    info.gitBranch = parsed.gitBranch;
+    info.sessionId = parsed.sessionId;
+    info.model = parsed.model;
+    info.contextTokens = parsed.contextTokens;
+    if (info.contextTokens) {
+        // A context past 200K settles the window outright; otherwise the tier
+        // decides, and an unknown tier gets the larger window, marked as a guess,
+        // so the gauge never shows falsely full.
+        if (*info.contextTokens > kTwoHundredK) {
+            info.contextMax = kOneMillion;
+        } else {
+            switch (ClaudeConfig::contextTier(claudeConfig, cwd, parsed.modelId.value_or(""))) {
+                case ClaudeConfig::ContextTier::oneMillion: info.contextMax = kOneMillion; break;
+                case ClaudeConfig::ContextTier::twoHundredK: info.contextMax = kTwoHundredK; break;
+                case ClaudeConfig::ContextTier::unknown:
+                    info.contextMax = kOneMillion;
+                    info.contextMaxEstimated = true;
+                    break;
+            }
+        }
+    }
+    info.inProgress = isInProgress(entries);
+    info.pendingApproval = pendingApproval(entries);
+    info.endsWithQuestion = endsWithQuestion(entries);
+    info.awaitingFirstReply = awaitingFirstReply(entries);
+    info.recentActivity = recentActivity(entries, kActivityLines);
+    info.hasRealTurn = hasRealTurn(entries);
+
+    // Background work: the ledger of launches without notifications and the
+    // count the last turn-end record gave are two views of the same work;
+    // either one still saying "out" is enough.
+    auto background = outstandingBackgroundTasks(file);
+    info.pendingBackgroundAgents = std::max(background.count, turnDurationBackgroundAgents(entries));
+
+    // Subagents: the live subagent journals, plus launches still waiting for
+    // their result that have no live journal (yet).
+    info.subagents = ClaudeSubagentReader::running(file, options.now);
+    for (auto& launch : runningSubagentLaunches(entries)) {
+        bool shown = std::any_of(info.subagents.begin(), info.subagents.end(),
+                                 [&](const SubagentInfo& s) { return s.id == launch.id; });
+        if (!shown)
+            info.subagents.push_back({launch.id, launch.type, launch.task, std::nullopt, std::nullopt, true, std::nullopt});
+    }
+    info.subagentCount = static_cast<int>(info.subagents.size());
+
+    auto temp = options.claudeTempFolder.empty() ? defaultClaudeTempFolder() : options.claudeTempFolder;
+    std::optional<Date> activity = ClaudeSubagentReader::newestSubagentActivity(file);
+    if (auto tasks = ClaudeSubagentReader::newestBackgroundTaskActivity(file, background.pending, temp);
+        tasks && (!activity || *tasks > *activity))
+        activity = tasks;
+    std::error_code ec;
+    bool hasSubagentFolder = fs::is_directory(file.parent_path() / file.stem() / "subagents", ec);
+    if (!activity && !hasSubagentFolder) activity = newestEntry;
+    info.recentSubagentActivity = withinWindow(activity, options.now, ClaudeSubagentReader::backgroundActiveWindow);
+
+    info.lastEntryDate = newestEntry.value_or(info.lastModified);
+    info.created = info.lastEntryDate;
+    for (auto candidate : {creationDate(file), firstEntryDate(entries)})
+        if (candidate && *candidate < info.created) info.created = *candidate;
+    info.topic = aiTitle(entries);
+    return info;
+}
+
+std::optional<TranscriptInfo> info(const fs::path& file, const std::string& cwd, const fs::path& claudeConfig,
+                                   const ReadOptions& options) {
+    auto entries = tailEntries(file);
+    if (entries.empty()) return std::nullopt;
+    noteUnknownShapes(entries);
+    return infoFromEntries(entries, file, cwd, claudeConfig, options);
+}
+
+std::optional<TranscriptInfo> info(const fs::path& file, const std::string& cwd, const fs::path& claudeConfig) {
+    return info(file, cwd, claudeConfig, ReadOptions{});
+}
 
 std::optional<TranscriptInfo> infoForCwd(const fs::path& projectsRoot, const std::string& cwd,
                                          const fs::path& claudeConfig) {
     auto newest = recentTranscripts(projectsRoot / encodedDirName(cwd), 1);
     if (newest.empty()) return std::nullopt;
     return info(newest.front(), cwd, claudeConfig);
+}
+
+std::vector<TranscriptInfo> recentInfos(const fs::path& projectsRoot, const std::string& cwd, size_t limit,
+                                        const std::set<std::string>& excluding, const fs::path& claudeConfig,
+                                        const ReadOptions& options) {
+    if (limit == 0) return {};
+    // Liveness may lift an older session above newer ones, so read a few more
+    // journals than asked for; never the whole folder.
+    size_t candidates = std::max(limit * 2, limit + 3);
+    std::vector<TranscriptInfo> infos;
+    for (const auto& file : recentTranscripts(projectsRoot / encodedDirName(cwd), candidates + excluding.size())) {
+        if (excluding.count(file.stem().string())) continue;
+        if (infos.size() >= candidates) break;
+        auto one = info(file, cwd, claudeConfig, options);
+        if (!one || (one->sessionId && excluding.count(*one->sessionId))) continue;
+        infos.push_back(std::move(*one));
+    }
+    return rankedByLiveness(std::move(infos), limit);
+}
+
+std::vector<TranscriptInfo> rankedByLiveness(std::vector<TranscriptInfo> infos, size_t limit) {
+    auto live = [](const TranscriptInfo& i) {
+        bool runningSubagent = std::any_of(i.subagents.begin(), i.subagents.end(),
+                                           [](const SubagentInfo& s) { return s.isRunning; });
+        return runningSubagent || (i.pendingBackgroundAgents > 0 && i.recentSubagentActivity);
+    };
+    std::stable_sort(infos.begin(), infos.end(), [&](const TranscriptInfo& a, const TranscriptInfo& b) {
+        bool la = live(a), lb = live(b);
+        if (la != lb) return la;
+        return a.lastModified > b.lastModified;
+    });
+    if (infos.size() > limit) infos.resize(limit);
+    return infos;
+}
+
+std::optional<std::string> aiTitle(const fs::path& file) {
+    return aiTitle(TailReader::entries(file, kTailLines, [](std::string_view t) { return t == "ai-title"; }));
+}
+
+std::optional<std::string> aiTitleForCwd(const fs::path& projectsRoot, const std::string& cwd,
+                                         const std::string& sessionId) {
+    return aiTitle(transcriptURL(projectsRoot, cwd, sessionId));
+}
+
+std::optional<std::string> recordedCwd(const fs::path& file) { return recordedCwd(tailEntries(file)); }
+
+void setDiagnosticLogDirectory(std::optional<fs::path> directory) {
+    auto& shapes = unknownShapes();
+    std::lock_guard lock(shapes.lock);
+    shapes.directory = std::move(directory);
+}
+
+void noteUnknownShapes(const std::vector<JournalEntry>& entries) {
+    auto& shapes = unknownShapes();
+    std::vector<std::pair<std::string, std::string>> fresh;  // tag, sample text
+    fs::path directory;
+    {
+        std::lock_guard lock(shapes.lock);
+        if (!shapes.directory) return;
+        directory = *shapes.directory;
+        for (const auto& e : entries) {
+            auto tag = unknownLeadingTag(e);
+            if (tag && shapes.logged.insert(*tag).second)
+                fresh.emplace_back(*tag, truncateText(collapseWhitespace(messageText(e)), 200));
+        }
+    }
+    if (fresh.empty()) return;
+    std::error_code ec;
+    fs::create_directories(directory, ec);
+    std::ofstream out(directory / "unknown-shapes.log", std::ios::app);
+    for (const auto& [tag, sample] : fresh) out << "claude user text starts with <" << tag << ">: " << sample << "\n";
 }
 
 }  // namespace scrivet::ClaudeTranscriptReader

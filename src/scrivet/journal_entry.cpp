@@ -106,7 +106,8 @@ std::optional<std::chrono::system_clock::time_point> parseIsoDate(std::string_vi
         !digits(s, 14, 2, mi) || !digits(s, 17, 2, sec))
         return std::nullopt;
     year_month_day ymd{year{y}, month{static_cast<unsigned>(mo)}, day{static_cast<unsigned>(d)}};
-    if (!ymd.ok() || h > 23 || mi > 59 || sec > 60) return std::nullopt;
+    // Years far from now would overflow the clock's nanosecond count.
+    if (!ymd.ok() || y < 1900 || y > 2200 || h > 23 || mi > 59 || sec > 60) return std::nullopt;
     size_t pos = 19;
     nanoseconds frac{0};
     if (pos < s.size() && s[pos] == '.') {

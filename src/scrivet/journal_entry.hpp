@@ -18,6 +18,8 @@ public:
     JournalEntry(std::unique_ptr<simdjson::dom::document> doc, uint64_t offset);
 
     simdjson::dom::object object() const;
+    // The entry's root value (always an object).
+    simdjson::dom::element root() const { return doc_->root(); }
     // The entry's "type" value, or "" when it has none.
     std::string_view type() const;
     // Byte offset of the line in its file.

@@ -164,6 +164,7 @@ TEST(MonitorEndToEnd, HookEventsAndTheJournalDriveTheRow) {
 
     // The tool runs and the turn ends: a completion.
     SocketClient(f.socket).send(line({{"session_id", kSession}, {"action", "busydone"}, {"tool_name", "Bash"}}));
+    ASSERT_TRUE(waitFor(app, [](const AgentInstance& a) { return a.status == AgentStatus::working; }));
     append(f.journal, assistant({{"type", "text"}, {"text", "Pushed. All tests pass."}}, "end_turn", "msg_2") + bookkeeping());
     SocketClient(f.socket).send(line({{"session_id", kSession}, {"action", "done"}}));
     ASSERT_TRUE(waitFor(app, [](const AgentInstance& a) { return a.status == AgentStatus::waiting; }));

@@ -9,6 +9,7 @@
 #include "lumora/app/processes_command.hpp"
 #include "lumora/app/run_commands.hpp"
 #include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/app/transcript_command.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
 
@@ -46,6 +47,9 @@ int run(int argc, char** argv) {
     app.add_flag("--scan", scan, "Scan once and print one line per session");
     app.add_flag("--json", json, "With --scan: print the sessions as JSON")->needs("--scan");
     app.add_flag("--no-ui", noUI, "Run the monitor and the hook bridge without a screen, printing status changes");
+    std::string transcript;
+    app.add_option("--transcript", transcript, "Print what the Claude reader draws from one journal FILE")
+        ->option_text("FILE");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);
 
@@ -63,6 +67,7 @@ int run(int argc, char** argv) {
     if (approvals) return ApprovalsCommand::list(ApprovalRulesStore::shared(), std::cout);
     if (removeApproval->count() > 0)
         return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
+    if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
 
     if (scan) return RunCommands::scan(json);
     HooksCommand::refreshAtStart();

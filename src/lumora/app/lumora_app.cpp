@@ -4,6 +4,9 @@
 #include "lumora/monitor/claude_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
+#include "scrivet/claude_transcript_reader.hpp"
+
+#include <cstdlib>
 
 namespace lumora {
 
@@ -65,7 +68,7 @@ LumoraApp::LumoraApp()
     ProcessDiscovery* discovery = discovery_.get();
     deps.discover = [discovery] { return discovery->run(); };
     deps.sources.push_back(std::make_unique<ClaudeSessionSource>(
-        ClaudeSessionSource::Paths{Paths::claudeProjects(), Paths::claudeConfigFile(), Paths::tempFolder()},
+        ClaudeSessionSource::Paths{Paths::claudeProjects(), Paths::claudeConfigFile(), Paths::claudeTempFolder()},
         SDKHostMemory::shared(), [discovery](const std::string& appId, const ProcessSnapshot& snapshot) {
             return discovery->hosts().isApplicationRunning(appId, snapshot);
         }));
@@ -73,6 +76,9 @@ LumoraApp::LumoraApp()
     deps.hooks = [bridge](Date now) { return hookSnapshot(*bridge, now); };
     deps.lowPowerMode = [] { return PowerState::lowPowerMode(); };
     monitor_ = std::make_unique<ClaudeMonitor>(std::move(deps));
+    // With tracing on, new journal shapes are noted beside the trace.
+    if (const char* trace = std::getenv("LUMORA_DEBUG_LOG"); trace && *trace)
+        scrivet::ClaudeTranscriptReader::setDiagnosticLogDirectory(Paths::supportFolder());
 
     // A hook event rescans at once; the monitor hops to the main loop itself.
     ClaudeMonitor* monitor = monitor_.get();

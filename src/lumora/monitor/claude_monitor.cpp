@@ -118,7 +118,8 @@ void ClaudeMonitor::finishScan(RawScan raw) {
     bool quiet = firstPublish_;  // what is already true at launch is not news
     firstPublish_ = false;
     for (const auto& a : next) {
-        auto prev = previous.count(a.id) ? std::optional(previous[a.id]) : std::nullopt;
+        std::optional<AgentStatus> prev;
+        if (auto it = previous.find(a.id); it != previous.end()) prev = it->second;
         if (a.status != AgentStatus::attention) acknowledged_.erase(a.id);
         if (quiet) continue;
         if (a.status == AgentStatus::attention && prev != AgentStatus::attention) {

@@ -1,5 +1,7 @@
 #include "lumora/monitor/claude_session_source.hpp"
 
+#include <sys/stat.h>
+
 #include <set>
 
 #include "lumora/monitor/worktree_resolver.hpp"
@@ -19,8 +21,44 @@ std::string ClaudeSessionSource::projectName(const std::string& cwd, const std::
     return name.empty() ? cwd : name;
 }
 
+namespace {
+
+struct Stamp {
+    int64_t size = -1, mtimeNs = -1, inode = -1;
+};
+
+Stamp stampOf(const std::filesystem::path& file) {
+    struct stat st{};
+    if (::stat(file.c_str(), &st) != 0) return {};
+    return {static_cast<int64_t>(st.st_size),
+            static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec, static_cast<int64_t>(st.st_ino)};
+}
+
+}  // namespace
+
+std::optional<scrivet::TranscriptInfo> ClaudeSessionSource::readInfo(const std::filesystem::path& file,
+                                                                      const std::string& cwd, Date now) {
+    usedThisScan_.insert(file);
+    auto stamp = stampOf(file);
+    auto it = infoCache_.find(file);
+    if (it != infoCache_.end() && it->second.size == stamp.size && it->second.mtimeNs == stamp.mtimeNs &&
+        it->second.inode == stamp.inode && it->second.configMtimeNs == configMtimeNs_)
+        return it->second.info;
+    auto info = Reader::info(file, cwd, paths_.claudeConfig, Reader::ReadOptions{now, paths_.tempFolder});
+    bool settled = info && info->subagentCount == 0 && info->pendingBackgroundAgents == 0 &&
+                   !info->recentSubagentActivity && stamp.size >= 0;
+    if (settled) {
+        infoCache_[file] = {stamp.size, stamp.mtimeNs, stamp.inode, configMtimeNs_, *info};
+    } else {
+        infoCache_.erase(file);
+    }
+    return info;
+}
+
 std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& ctx) {
     std::vector<SessionObservation> out;
+    usedThisScan_.clear();
+    configMtimeNs_ = stampOf(paths_.claudeConfig).mtimeNs;
     std::set<std::string> seen;
     if (ctx.processes) {
         for (const auto& agent : ctx.processes->agents) {
@@ -39,7 +77,7 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
             o.cpu = agent.cpu;
             if (agent.sessionId) {
                 auto file = Reader::transcriptURL(paths_.projects, agent.cwd, *agent.sessionId);
-                o.info = Reader::info(file, agent.cwd, paths_.claudeConfig);
+                o.info = readInfo(file, agent.cwd, ctx.now);
             }
             if (o.info) o.backgroundActive = o.info->pendingBackgroundAgents > 0 && o.info->recentSubagentActivity;
             if (const auto& rec = agent.indexRecord; rec && rec->status) {
@@ -76,6 +114,7 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
         seen.insert(o.id);
         out.push_back(std::move(o));
     }
+    std::erase_if(infoCache_, [&](const auto& kv) { return !usedThisScan_.count(kv.first); });
     return out;
 }
 

@@ -2,6 +2,8 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <set>
 
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
@@ -16,7 +18,7 @@ public:
     struct Paths {
         std::filesystem::path projects;      // ~/.claude/projects
         std::filesystem::path claudeConfig;  // ~/.claude.json
-        std::filesystem::path tempFolder;    // where background-task output lives
+        std::filesystem::path tempFolder;    // Claude Code's background-task output (<temp>/claude-<uid>)
     };
 
     // Tells whether an application (by desktop id) runs, as of a process pass.
@@ -31,7 +33,21 @@ public:
     static std::string projectName(const std::string& cwd, const std::optional<std::string>& repoName);
 
 private:
+    // The facts of a journal, read again only when it changed. Reused only
+    // for a settled session with no subagent or background work (whose facts
+    // move with the clock, not with the file).
+    std::optional<scrivet::TranscriptInfo> readInfo(const std::filesystem::path& file, const std::string& cwd,
+                                                    Date now);
+
+    struct CachedInfo {
+        int64_t size = -1, mtimeNs = -1, inode = -1, configMtimeNs = -1;
+        scrivet::TranscriptInfo info;
+    };
+
     Paths paths_;
+    std::map<std::filesystem::path, CachedInfo> infoCache_;
+    std::set<std::filesystem::path> usedThisScan_;
+    int64_t configMtimeNs_ = -1;
     SDKHostMemory& hostMemory_;
     IsRunning isRunning_;
 };

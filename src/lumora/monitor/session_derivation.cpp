@@ -75,8 +75,10 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     a.surface = obs.surface;
     a.topic = info.topic;
 
-    // Latest activity: the newest entry, folded with the journal's and the subagents' writes.
-    Date last = std::max(info.lastEntryDate, info.lastModified);
+    // Latest activity: the newest entry (the journal's own time when no entry
+    // carries one); a subagent writing right now keeps the session fresh.
+    Date last = info.lastEntryDate != Date{} ? info.lastEntryDate : info.lastModified;
+    if (info.recentSubagentActivity) last = std::max(last, info.lastModified);
     if (last == Date{}) last = now;
     a.lastActivity = last;
     double age = std::max(0.0, secondsBetween(info.lastEntryDate == Date{} ? last : info.lastEntryDate, now));
