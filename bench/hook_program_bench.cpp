@@ -3,9 +3,7 @@
 // interpreter start included, with a server listening on the socket and with
 // none (fail open). The target is under 60 ms for both.
 #include <benchmark/benchmark.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,7 +12,11 @@
 #include <vector>
 
 #include "bench_support.hpp"
+#include "lumora/app/defaults_store.hpp"
 #include "lumora/app/file_util.hpp"
+#include "lumora/app/log.hpp"
+#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
 #include "lumora/platform/child_process.hpp"
 #include "lumora/platform/python_locator.hpp"
@@ -23,51 +25,25 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Accepts connections and reads them to the end, as the app's socket does for
-// lines that expect no answer.
-class DrainingServer {
+// The app's own socket server, in a private folder.
+class RunningBridge {
 public:
-    explicit DrainingServer(const std::filesystem::path& path) {
-        fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-        ::unlink(path.c_str());
-        if (::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd_, 16) != 0)
-            throw std::runtime_error("bind");
-        thread_ = std::thread([this] {
-            std::vector<pollfd> fds;
-            while (running_) {
-                fds.resize(1);
-                fds[0] = {fd_, POLLIN, 0};
-                for (int c : clients_) fds.push_back({c, POLLIN, 0});
-                if (::poll(fds.data(), fds.size(), 50) <= 0) continue;
-                if (fds[0].revents & POLLIN) {
-                    int c = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-                    if (c >= 0) clients_.push_back(c);
-                }
-                for (size_t i = 1; i < fds.size(); ++i) {
-                    if (!fds[i].revents) continue;
-                    char buf[8192];
-                    if (::read(fds[i].fd, buf, sizeof buf) <= 0) {
-                        ::close(fds[i].fd);
-                        clients_.erase(std::find(clients_.begin(), clients_.end(), fds[i].fd));
-                    }
-                }
-            }
-        });
+    explicit RunningBridge(const std::filesystem::path& socket)
+        : defaults_(socket.parent_path() / "defaults.json"), rules_(defaults_),
+          bridge_(socket, socket.parent_path(), rules_, options()) {
+        if (!bridge_.start()) throw std::runtime_error("the bridge did not start");
     }
-    ~DrainingServer() {
-        running_ = false;
-        thread_.join();
-        ::close(fd_);
-    }
+    ~RunningBridge() { bridge_.stop(); }
 
 private:
-    int fd_ = -1;
-    std::atomic<bool> running_{true};
-    std::vector<int> clients_;
-    std::thread thread_;
+    static lumora::HookBridgeOptions options() {
+        lumora::HookBridgeOptions o;
+        o.traceFile = std::nullopt;
+        return o;
+    }
+    lumora::DefaultsStore defaults_;
+    lumora::ApprovalRulesStore rules_;
+    lumora::HookBridge bridge_;
 };
 
 struct Setup {
@@ -78,8 +54,10 @@ struct Setup {
 const Setup& setup() {
     static Setup s = [] {
         Setup s;
+        lumora::Log::silence();
         s.python = lumora::PythonLocator::interpreter().value_or("/usr/bin/python3");
         auto dir = bench::scratch("hooks");
+        ::chmod(dir.c_str(), 0700);  // the bridge wants a private folder
         s.program = dir / "notch-hook.py";
         lumora::FileUtil::writeAtomically(s.program, *lumora::EmbeddedResources::text("notch-hook.py"), 0755);
         s.socket = dir / "notch.sock";
@@ -100,8 +78,8 @@ const Setup& setup() {
 
 void runEvent(benchmark::State& state, const std::string& action, bool serverUp) {
     const Setup& s = setup();
-    std::unique_ptr<DrainingServer> server;
-    if (serverUp) server = std::make_unique<DrainingServer>(s.socket);
+    std::unique_ptr<RunningBridge> server;
+    if (serverUp) server = std::make_unique<RunningBridge>(s.socket);
     else ::unlink(s.socket.c_str());
     for (auto _ : state) {
         auto child = lumora::ChildProcess::spawn({s.python.string(), s.program.string(), action}, s.inputs.at(action),
