@@ -51,13 +51,15 @@ std::unordered_map<int32_t, std::string> pairByRecency(const std::vector<const P
     for (auto& [cwd, processes] : byCwd) {
         std::sort(processes.begin(), processes.end(),
                   [](const ProcessInfo* a, const ProcessInfo* b) { return a->startTicks > b->startTicks; });
-        auto folder = claudeProjects / scrivet::ClaudeTranscriptReader::encodedDirName(cwd);
-        auto journals = scrivet::ClaudeTranscriptReader::recentTranscripts(folder, processes.size() + used.size());
+        // Ranked by liveness: a session whose subagents or background work
+        // still run outranks a newer journal whose turn has settled (a
+        // one-shot that wrote last must not hide a parent still working).
+        auto journals = scrivet::ClaudeTranscriptReader::recentInfos(claudeProjects, cwd, processes.size(), used, {});
         size_t next = 0;
         for (const ProcessInfo* p : processes) {
-            while (next < journals.size() && used.count(journals[next].stem().string())) ++next;
+            while (next < journals.size() && (!journals[next].sessionId || used.count(*journals[next].sessionId))) ++next;
             if (next >= journals.size()) break;
-            std::string id = journals[next++].stem().string();
+            std::string id = *journals[next++].sessionId;
             used.insert(id);
             out.emplace(p->pid, std::move(id));
         }
