@@ -52,6 +52,28 @@ TEST(ProcessTable, SnapshotShowsChildrenAsTheyAre) {
     EXPECT_FALSE(table.launchUnit(gone));
 }
 
+TEST(ProcessTable, AWrapperThatExecsTheAgentIsSeenAsTheAgent) {
+    TempDir dir;
+    auto program = sleeperNamed(dir / "bin", "claude");
+    // A launcher script that replaces itself with the agent keeps its pid and start.
+    ChildProcess wrapper("/bin/bash", {"bash", "-c", "sleep 0.4; exec -a claude '" +
+                                                         program.string() + "' 30"},
+                         dir.path());
+    auto& table = ProcessTable::system();
+    const ProcessInfo* before = nullptr;
+    auto first = table.snapshot();
+    before = first.find(wrapper.pid());
+    ASSERT_NE(before, nullptr);
+    EXPECT_EQ(before->command, "bash");
+    std::string command;
+    for (int i = 0; i < 100 && command != "claude"; ++i) {
+        std::this_thread::sleep_for(20ms);
+        auto snap = table.snapshot();
+        if (const ProcessInfo* p = snap.find(wrapper.pid())) command = p->command;
+    }
+    EXPECT_EQ(command, "claude");
+}
+
 TEST(ProcessTable, ProcessorTimeAccumulates) {
     TempDir dir;
     auto script = dir / "spin";

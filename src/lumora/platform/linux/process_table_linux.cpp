@@ -149,15 +149,17 @@ public:
                 continue;  // gone
             // Kernel threads have no command line, folder or executable to read.
             if (!kernelThread) {
-                // A command line seldom changes, so it is read once per process.
+                // A command line seldom changes, so it is read once per process
+                // (again after an exec, which renames the process: a wrapper
+                // script that execs the agent keeps its pid and start).
                 auto known = commands.find(p.pid);
-                if (known != commands.end() && known->second.startTicks == p.startTicks) {
+                if (known != commands.end() && known->second.startTicks == p.startTicks && known->second.name == p.name) {
                     p.command = known->second.command;
                     p.arguments = known->second.arguments;
                 } else if (readAt(procFd, name("cmdline").c_str(), buf)) {
                     parseCmdline(buf, p);
                 }
-                fresh[p.pid] = CommandLine{p.startTicks, p.command, p.arguments};
+                fresh[p.pid] = CommandLine{p.startTicks, p.name, p.command, p.arguments};
                 if (!options.wantsDetails || options.wantsDetails(p)) {
                     p.cwd = readLinkAt(procFd, name("cwd").c_str());
                     p.executable = readLinkAt(procFd, name("exe").c_str());
@@ -239,6 +241,7 @@ public:
 private:
     struct CommandLine {
         uint64_t startTicks = 0;
+        std::string name;  // the kernel's short name when it was read: an exec changes it
         std::string command;
         std::vector<std::string> arguments;
     };
