@@ -103,8 +103,11 @@ Machine& machine() {
                 fs::create_directories(folder);
                 char id[64];
                 std::snprintf(id, sizeof id, "aaaaaaaa-0000-4000-8000-%012d", agent.pid);
-                writeText(folder / (std::string(id) + ".jsonl"), "{\"type\":\"user\"}\n");
-                writeText(folder / ("cccccccc-0000-4000-8000-000000000000.jsonl"), "{\"type\":\"user\"}\n");
+                // Every journal line names its session, as Claude Code writes them.
+                writeText(folder / (std::string(id) + ".jsonl"),
+                          "{\"type\":\"user\",\"sessionId\":\"" + std::string(id) + "\"}\n");
+                writeText(folder / ("cccccccc-0000-4000-8000-000000000000.jsonl"),
+                          "{\"type\":\"user\",\"sessionId\":\"cccccccc-0000-4000-8000-000000000000\"}\n");
                 if (claudeCount++ < 4) {
                     nlohmann::json r = {
                         {"pid", agent.pid}, {"sessionId", id}, {"cwd", cwd.string()},

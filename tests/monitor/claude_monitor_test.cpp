@@ -175,6 +175,7 @@ TEST(ClaudeMonitor, ATurnWithoutARealPromptNeverChimes) {
     h.refresh();
     ASSERT_EQ(h.alerts.size(), 1u);
     EXPECT_FALSE(h.alerts[0].sound);
+    EXPECT_FALSE(h.monitor->peekEvent()->chimes);
 }
 
 TEST(ClaudeMonitor, AReaderThatReturnsNothingKeepsTheLastFacts) {

@@ -131,7 +131,7 @@ void ClaudeMonitor::finishScan(RawScan raw) {
                 ask = a.question->text;
             }
             alerts.push_back({PeekEvent{nextToken_++, a.id, a.projectName, scrivet::truncateText(ask, 120), false,
-                                        a.provider, rise},
+                                        a.provider, rise, true},
                               settings_.soundEnabled});
             lastAlertStatus_ = AgentStatus::attention;
         } else if (prev == AgentStatus::working && a.status == AgentStatus::waiting) {
@@ -139,7 +139,8 @@ void ClaudeMonitor::finishScan(RawScan raw) {
             unseen_.insert(a.id);
             std::string ask = a.summary ? scrivet::truncateText(scrivet::collapseWhitespace(*a.summary), 120)
                                         : std::string("Finished its turn");
-            alerts.push_back({PeekEvent{nextToken_++, a.id, a.projectName, ask, true, a.provider, alertCounts_[a.id]},
+            alerts.push_back({PeekEvent{nextToken_++, a.id, a.projectName, ask, true, a.provider, alertCounts_[a.id],
+                                        a.hasRealTurn},
                               settings_.soundEnabled && a.hasRealTurn});
             lastAlertStatus_ = AgentStatus::waiting;
         }

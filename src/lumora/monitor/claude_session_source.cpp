@@ -95,10 +95,16 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
     static const ProcessSnapshot kNoProcesses;
     const ProcessSnapshot& snapshot = ctx.processes ? ctx.processes->snapshot : kNoProcesses;
     auto isRunning = [&](const std::string& appId) { return isRunning_ && isRunning_(appId, snapshot); };
-    for (auto& sdk : SDKSessionReader::runningSessions(paths_.projects, paths_.claudeConfig, ctx.now)) {
-        if (seen.count(sdk.sessionId)) continue;
+    std::map<std::string, AgentHost> hosts;
+    auto shown = [&](const SDKSession& sdk) {
         auto host = sdkSessionHost(sdk, hostMemory_, isRunning);
-        if (!host) continue;  // a ghost: its host is not known to run
+        if (host) hosts[sdk.sessionId] = *host;
+        return host.has_value();  // else a ghost: its host is not known to run
+    };
+    for (auto& sdk : SDKSessionReader::runningSessions(paths_.projects, paths_.claudeConfig, ctx.now,
+                                                       SDKSessionReader::kMaxAge, seen, shown)) {
+        if (seen.count(sdk.sessionId)) continue;
+        auto host = hosts[sdk.sessionId];
         SessionObservation o;
         o.id = sdk.sessionId;
         o.cwd = sdk.cwd;

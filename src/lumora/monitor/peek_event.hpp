@@ -16,6 +16,7 @@ struct PeekEvent {
     bool done = false;    // a finished turn rather than a need
     scrivet::HarnessProvider provider = scrivet::HarnessProvider::claudeCode;
     int riseCount = 0;    // how many times this session has risen to needs-you
+    bool chimes = true;   // rings its sound (a completion without a real turn stays quiet)
     bool operator==(const PeekEvent&) const = default;
 };
 

@@ -96,7 +96,8 @@ std::optional<Head> readHead(const fs::path& transcript) {
 }
 
 std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::path& claudeConfig, Date now,
-                                        std::chrono::seconds maxAge) {
+                                        std::chrono::seconds maxAge, const std::set<std::string>& excluding,
+                                        const std::function<bool(const SDKSession&)>& shown) {
     std::map<std::string, SDKSession> byCwd;
     std::error_code ec;
     for (fs::directory_iterator dir(projectsRoot, ec), end; !ec && dir != end; dir.increment(ec)) {
@@ -110,6 +111,7 @@ std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::
             if (statEc || now - fileTime(mtime) > maxAge) continue;
             auto head = cachedHead(file);
             if (!head || !head->entrypoint.starts_with("sdk-") || !head->cwd) continue;
+            if (excluding.count(file.stem().string())) continue;
             // A recently touched journal whose last turn is old is residue.
             auto turn = lastTurn(file);
             if (turn && now - *turn > maxAge) continue;
@@ -127,6 +129,7 @@ std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::
     }
     std::vector<SDKSession> out;
     for (auto& [cwd, s] : byCwd) {
+        if (shown && !shown(s)) continue;  // decided before the journal is read
         s.info = scrivet::ClaudeTranscriptReader::info(s.transcript, s.cwd, claudeConfig);
         if (s.info) {
             s.model = s.info->model;

@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -50,8 +51,12 @@ std::optional<Head> readHead(const fs::path& transcript);
 // time and last turn are both recent. Terminal ("cli") and editor-extension
 // journals are never returned. Of two in one working directory only the
 // newer survives. `claudeConfig` is passed to the transcript reader.
+// Sessions in `excluding` (those already shown through their processes) are
+// passed over, and so is a survivor `shown` rejects, before its journal is read.
 std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::path& claudeConfig, Date now,
-                                        std::chrono::seconds maxAge = kMaxAge);
+                                        std::chrono::seconds maxAge = kMaxAge,
+                                        const std::set<std::string>& excluding = {},
+                                        const std::function<bool(const SDKSession&)>& shown = {});
 
 }  // namespace SDKSessionReader
 

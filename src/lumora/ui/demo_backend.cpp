@@ -220,7 +220,7 @@ void DemoBackend::changed() {
 }
 
 void DemoBackend::peek(const AgentInstance& a, const std::string& ask, bool done) {
-    peek_ = PeekEvent{++peekToken_, a.id, a.projectName, ask, done, a.provider, done ? 0 : 1};
+    peek_ = PeekEvent{++peekToken_, a.id, a.projectName, ask, done, a.provider, done ? 0 : 1, true};
 }
 
 void DemoBackend::gate(const std::string& id, const std::string& tool, const std::string& command,

@@ -43,7 +43,7 @@ void ViewController::refresh() {
             const auto& p = *model_.peek;
             std::string who = p.projectName.empty() ? std::string(scrivet::displayName(p.provider)) : p.projectName;
             note(who + ": " + p.ask, p.done ? AgentStatus::waiting : AgentStatus::attention, p.done);
-            if (model_.settings.soundEnabled) bell_ = true;
+            if (model_.settings.soundEnabled && p.chimes) bell_ = true;
         }
         lastPeekToken_ = model_.peek->token;
     } else if (lastPeekToken_ < 0) {
