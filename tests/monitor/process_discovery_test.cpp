@@ -144,3 +144,28 @@ TEST(ProcessDiscovery, ProcessorUseComesFromTwoSamples) {
     table.processes()[1].cpuSeconds = 0;
     EXPECT_EQ(discovery.run().agents[0].cpu, 0.0);
 }
+
+TEST(ProcessDiscovery, FallbackPairingPrefersTheSessionWithLiveWork) {
+    TempHome home;
+    auto cwd = home / "proj";
+    fs::create_directories(cwd);
+    auto now = std::chrono::system_clock::now();
+    const std::string parent = "dddddddd-0000-4000-8000-000000000001", oneShot = "dddddddd-0000-4000-8000-000000000002";
+    // The parent launched a subagent that has not reported back; a one-shot
+    // in the same folder finished after it and wrote last.
+    auto parentFile = scrivet::ClaudeTranscriptReader::transcriptURL(home / ".claude/projects", cwd.string(), parent);
+    writeFile(parentFile,
+              "{\"type\":\"user\",\"sessionId\":\"" + parent + "\",\"message\":{\"role\":\"user\",\"content\":\"audit\"}}\n"
+              "{\"type\":\"assistant\",\"sessionId\":\"" + parent + "\",\"message\":{\"role\":\"assistant\",\"stop_reason\":"
+              "\"tool_use\",\"content\":[{\"type\":\"tool_use\",\"id\":\"toolu_a\",\"name\":\"Agent\",\"input\":"
+              "{\"description\":\"Audit\",\"prompt\":\"Audit the code\",\"subagent_type\":\"general-purpose\"}}]}}\n");
+    setMtime(parentFile, now - 5min);
+    journal(home.path(), cwd, oneShot, now - 1min);
+    auto claude = sleeperNamed(home / "bin", "claude");
+    ChildProcess process(claude, {"claude", "30"}, cwd);
+    auto snapshot = ProcessTable::system().snapshot();
+    auto paired = pairByRecency({snapshot.find(process.pid())}, {}, home / ".claude/projects");
+    EXPECT_EQ(paired[process.pid()], parent);
+    // With a single recent journal recency alone decides, without reading any.
+    EXPECT_EQ(pairByRecency({snapshot.find(process.pid())}, {parent}, home / ".claude/projects")[process.pid()], oneShot);
+}

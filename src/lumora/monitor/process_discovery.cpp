@@ -51,17 +51,34 @@ std::unordered_map<int32_t, std::string> pairByRecency(const std::vector<const P
     for (auto& [cwd, processes] : byCwd) {
         std::sort(processes.begin(), processes.end(),
                   [](const ProcessInfo* a, const ProcessInfo* b) { return a->startTicks > b->startTicks; });
-        // Ranked by liveness: a session whose subagents or background work
-        // still run outranks a newer journal whose turn has settled (a
-        // one-shot that wrote last must not hide a parent still working).
-        auto journals = scrivet::ClaudeTranscriptReader::recentInfos(claudeProjects, cwd, processes.size(), used, {});
+        // Newest first; but where several recent journals compete for fewer
+        // processes, rank them by liveness: a session whose subagents or
+        // background work still run outranks a newer journal whose turn has
+        // settled (a one-shot that wrote last must not hide a working parent).
+        auto folder = claudeProjects / scrivet::ClaudeTranscriptReader::encodedDirName(cwd);
+        std::vector<std::string> ids;
+        size_t recent = 0;
+        auto now = fs::file_time_type::clock::now();
+        for (const auto& path : scrivet::ClaudeTranscriptReader::recentTranscripts(folder, processes.size() + used.size() + 1)) {
+            auto id = path.stem().string();
+            if (used.count(id)) continue;
+            ids.push_back(id);
+            std::error_code ec;
+            auto mtime = fs::last_write_time(path, ec);
+            if (!ec && now - mtime < std::chrono::hours(1)) ++recent;
+        }
+        if (recent > processes.size()) {
+            ids.clear();
+            for (auto& info : scrivet::ClaudeTranscriptReader::recentInfos(claudeProjects, cwd, processes.size(), used, {})) {
+                if (info.sessionId) ids.push_back(*info.sessionId);
+            }
+        }
         size_t next = 0;
         for (const ProcessInfo* p : processes) {
-            while (next < journals.size() && (!journals[next].sessionId || used.count(*journals[next].sessionId))) ++next;
-            if (next >= journals.size()) break;
-            std::string id = *journals[next++].sessionId;
-            used.insert(id);
-            out.emplace(p->pid, std::move(id));
+            while (next < ids.size() && used.count(ids[next])) ++next;
+            if (next >= ids.size()) break;
+            used.insert(ids[next]);
+            out.emplace(p->pid, ids[next++]);
         }
     }
     return out;
