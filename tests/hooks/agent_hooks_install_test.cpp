@@ -42,13 +42,6 @@ private:
     std::shared_ptr<spdlog::logger> previous_;
 };
 
-size_t countFiles(const fs::path& dir, const std::string& prefix) {
-    size_t n = 0;
-    std::error_code ec;
-    for (const auto& e : fs::directory_iterator(dir, ec)) n += e.path().filename().string().rfind(prefix, 0) == 0;
-    return n;
-}
-
 std::string python() { return PythonLocator::interpreter()->string(); }
 
 }  // namespace

@@ -374,6 +374,8 @@ TEST_F(HookPrograms, FindTheSocketWhereTheAppPutsIt) {
     // A relative XDG_DATA_HOME is ignored in favour of ~/.local/share.
     child = ChildProcess::spawn(argv, input.dump(), {{"LUMORA_SOCKET", ""}, {"XDG_DATA_HOME", "relative/data"}});
     ASSERT_TRUE(child && child->wait(10s));
-    if (Paths::supportFolder() == home / ".local/share/lumora") EXPECT_TRUE(atHome.waitForLines(2));
+    if (Paths::supportFolder() == home / ".local/share/lumora") {
+        EXPECT_TRUE(atHome.waitForLines(2));
+    }
     atHome.stop();
 }

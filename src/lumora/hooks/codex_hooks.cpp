@@ -21,17 +21,10 @@ namespace Toml = TomlTextEdits;
 namespace {
 
 std::vector<std::pair<std::string, Json>> ourGroups(const fs::path& interpreter) {
-    std::vector<std::pair<std::string, Json>> groups;
-    for (const auto& spec : eventSpecs()) {
-        groups.emplace_back(spec.event, groupFor(spec, hookCommand(interpreter, programPath(), spec.action)));
-    }
-    return groups;
+    return groupsFor(eventSpecs(), interpreter, programPath());
 }
 
-bool holdsOurs(const Json& object) {
-    Json copy = object;
-    return removeOurGroups(copy, kOurScript);
-}
+bool holdsOurs(const Json& object) { return holdsOurGroups(object, kOurScript); }
 
 std::string sha256Hex(const std::string& data) {
     unsigned char digest[EVP_MAX_MD_SIZE];

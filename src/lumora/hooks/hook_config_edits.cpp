@@ -229,4 +229,16 @@ std::string displayPath(const fs::path& file) {
     return p;
 }
 
+std::vector<std::pair<std::string, Json>> groupsFor(const std::vector<EventSpec>& specs, const fs::path& interpreter,
+                                                    const fs::path& program) {
+    std::vector<std::pair<std::string, Json>> groups;
+    for (const auto& spec : specs) groups.emplace_back(spec.event, groupFor(spec, hookCommand(interpreter, program, spec.action)));
+    return groups;
+}
+
+bool holdsOurGroups(const Json& root, std::string_view needle) {
+    Json copy = root;
+    return removeOurGroups(copy, needle);
+}
+
 }  // namespace lumora::HookConfigEdits

@@ -66,6 +66,12 @@ bool removeOurGroups(Json& root, std::string_view needle);
 // True when every (event, group) is present in `root["hooks"]`.
 bool holdsGroups(const Json& root, const std::vector<std::pair<std::string, Json>>& groups);
 
+// One group per spec, each running `program` with `interpreter` and the spec's action.
+std::vector<std::pair<std::string, Json>> groupsFor(const std::vector<EventSpec>& specs, const fs::path& interpreter,
+                                                    const fs::path& program);
+// True when any event list of `root` holds a group using `needle`.
+bool holdsOurGroups(const Json& root, std::string_view needle);
+
 // The result of removing our entries from a file, with the file's own bytes
 // when nothing else changed: when the backup taken before our last change
 // holds none of our entries and equals `edited` up to empty containers and
