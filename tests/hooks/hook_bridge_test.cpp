@@ -132,9 +132,10 @@ TEST_F(HookBridgeTest, GatingOffRulesAndReplacedGates) {
     EXPECT_EQ(ruled.readUntilClosed(), kAllow);
     EXPECT_FALSE(claudeMarker(kSid));
     EXPECT_FALSE(bridge->hasHeldGate(kSid));
-    ASSERT_TRUE(eventually([&] { return std::filesystem::exists(support / "approvals.log"); }));
-    std::string log = readFile(support / "approvals.log");
-    EXPECT_NE(log.find("  auto-approve tool=Bash session=" + kSid + " head=git status"), std::string::npos) << log;
+    // The line is appended by the bridge's thread after the answer went out.
+    const std::string expected = "  auto-approve tool=Bash session=" + kSid + " head=git status";
+    EXPECT_TRUE(eventually([&] { return readFile(support / "approvals.log").find(expected) != std::string::npos; }))
+        << readFile(support / "approvals.log");
 
     // A compound command is covered only when each program is.
     SocketClient compound(socket);
