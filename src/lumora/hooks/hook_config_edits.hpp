@@ -66,7 +66,7 @@ bool removeOurGroups(Json& root, std::string_view needle);
 // True when every (event, group) is present in `root["hooks"]`.
 bool holdsGroups(const Json& root, const std::vector<std::pair<std::string, Json>>& groups);
 
-// One group per spec, each running `program` with `interpreter` and the spec's action.
+// One group per event we hook, each running `program` with `interpreter` and that event's action.
 std::vector<std::pair<std::string, Json>> groupsFor(const std::vector<EventSpec>& specs, const fs::path& interpreter,
                                                     const fs::path& program);
 // True when any event list of `root` holds a group using `needle`.
