@@ -207,7 +207,8 @@ void BM_RealDiscoveryPass_1000Processes(benchmark::State& state) {
         ::setpgid(pid, group);
         children.push_back(pid);
     }
-    ::usleep(300 * 1000);
+    // Past their first second: a machine's processes are mostly older than that.
+    ::usleep(1200 * 1000);
     ProcessDiscovery discovery(ProcessTable::system(), root / "sessions", root / "projects");
     discovery.run();
     size_t processes = 0, agents = 0;

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
+
+#include <fstream>
 
 #include <thread>
 
@@ -52,43 +55,92 @@ TEST(ProcessTable, SnapshotShowsChildrenAsTheyAre) {
     EXPECT_FALSE(table.launchUnit(gone));
 }
 
-TEST(ProcessTable, AWrapperThatExecsTheAgentIsSeenAsTheAgent) {
-    TempDir dir;
-    auto program = sleeperNamed(dir / "bin", "claude");
-    // A launcher script that replaces itself with the agent keeps its pid and start.
-    ChildProcess wrapper("/bin/bash", {"bash", "-c", "sleep 0.4; exec -a claude '" +
-                                                         program.string() + "' 30"},
-                         dir.path());
-    auto& table = ProcessTable::system();
-    const ProcessInfo* before = nullptr;
-    auto first = table.snapshot();
-    before = first.find(wrapper.pid());
-    ASSERT_NE(before, nullptr);
-    EXPECT_EQ(before->command, "bash");
-    std::string command;
-    for (int i = 0; i < 100 && command != "claude"; ++i) {
+// Polls the real table until `pred` holds for the process, for up to 4 s.
+template <typename Pred>
+std::optional<ProcessInfo> waitFor(int32_t pid, Pred pred, const SnapshotOptions& options = {}) {
+    std::optional<ProcessInfo> last;
+    for (int i = 0; i < 200; ++i) {
+        auto snap = ProcessTable::system().snapshot(options);
+        const ProcessInfo* p = snap.find(pid);
+        last = p ? std::optional(*p) : std::nullopt;
+        if (p && pred(*p)) break;
         std::this_thread::sleep_for(20ms);
-        auto snap = table.snapshot();
-        if (const ProcessInfo* p = snap.find(wrapper.pid())) command = p->command;
     }
-    EXPECT_EQ(command, "claude");
+    return last;
 }
 
-TEST(ProcessTable, ProcessorTimeAccumulates) {
+TEST(ProcessTable, ExecsAndOrphaningAreSeenOnProcessesAlreadyKnown) {
+    TempDir dir;
+    auto program = sleeperNamed(dir / "bin", "claude");
+    // A launcher script that replaces itself with the agent keeps its pid and
+    // start; it execs after its first second, when it is long known.
+    ChildProcess wrapper("/bin/bash", {"bash", "-c", "sleep 1.3; exec -a claude '" +
+                                                         program.string() + "' 30"},
+                         dir.path());
+    // Follow nothing: all that is known of these comes from the cheap checks.
+    SnapshotOptions none;
+    none.wantsDetails = [](const ProcessInfo&) { return false; };
+    auto first = ProcessTable::system().snapshot(none);
+    ASSERT_NE(first.find(wrapper.pid()), nullptr);
+    EXPECT_EQ(first.find(wrapper.pid())->command, "bash");
+    auto after = waitFor(wrapper.pid(), [](const ProcessInfo& p) { return p.command == "claude"; }, none);
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->command, "claude");
+    EXPECT_EQ(after->arguments, std::vector<std::string>{"30"});
+    EXPECT_EQ(after->startTicks, first.find(wrapper.pid())->startTicks);
+
+    // A process whose parent ends is handed to another (here, to us): its
+    // parent is read again though nothing else about it changed.
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    auto pidFile = dir / "orphan.pid";
+    ChildProcess parent("/bin/bash", {"bash", "-c", "sleep 30 & echo $! > '" + pidFile.string() + "'; wait"},
+                        dir.path());
+    int32_t orphan = 0;
+    for (int i = 0; i < 200 && orphan == 0; ++i) {
+        std::this_thread::sleep_for(10ms);
+        std::ifstream(pidFile) >> orphan;
+    }
+    ASSERT_GT(orphan, 0);
+    std::this_thread::sleep_for(1100ms);  // known and settled
+    auto before = waitFor(orphan, [&](const ProcessInfo& p) { return p.ppid == parent.pid(); }, none);
+    ASSERT_TRUE(before);
+    EXPECT_EQ(before->ppid, parent.pid());
+    ::kill(parent.pid(), SIGKILL);
+    ::waitpid(parent.pid(), nullptr, 0);
+    auto adopted = waitFor(orphan, [](const ProcessInfo& p) { return p.ppid == ::getpid(); }, none);
+    ::kill(orphan, SIGKILL);
+    ::waitpid(orphan, nullptr, 0);
+    ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+    ASSERT_TRUE(adopted);
+    EXPECT_EQ(adopted->ppid, ::getpid());
+}
+
+TEST(ProcessTable, FollowedProcessesAreReadAfreshTheOthersFromWhatIsKnown) {
     TempDir dir;
     auto script = dir / "spin";
     writeFile(script, "while :; do :; done\n");
     ChildProcess busy("/bin/sh", {"spinner", script.string()}, dir.path());
+    ChildProcess idle("/bin/sh", {"idler", sleepScript(dir / "idle.sh").string()}, dir.path());
+    SnapshotOptions onlyBusy;
+    onlyBusy.wantsDetails = [&](const ProcessInfo& p) { return p.pid == busy.pid(); };
     auto& table = ProcessTable::system();
-    auto first = *table.snapshot().find(busy.pid());
-    // However busy the machine, a spinning process gathers processor time.
-    auto second = first;
-    for (int i = 0; i < 100 && second.cpuSeconds < first.cpuSeconds + 0.05; ++i) {
-        std::this_thread::sleep_for(50ms);
-        second = *table.snapshot().find(busy.pid());
-    }
-    EXPECT_GE(second.cpuSeconds, first.cpuSeconds + 0.05);
-    EXPECT_EQ(second.startTicks, first.startTicks);
+    auto snap = table.snapshot(onlyBusy);
+    ASSERT_NE(snap.find(idle.pid()), nullptr);
+    EXPECT_EQ(snap.find(idle.pid())->command, "idler");
+    EXPECT_FALSE(snap.find(idle.pid())->cwd);
+    EXPECT_FALSE(snap.find(idle.pid())->executable);
+    auto first = *snap.find(busy.pid());
+    EXPECT_EQ(first.cwd, dir.path().string());
+    EXPECT_EQ(first.executable, fs::canonical("/bin/sh").string());
+    // However busy the machine, a spinning process gathers processor time,
+    // also once it is past its first second and known.
+    std::this_thread::sleep_for(1100ms);
+    first = *table.snapshot(onlyBusy).find(busy.pid());
+    auto second = waitFor(busy.pid(), [&](const ProcessInfo& p) { return p.cpuSeconds >= first.cpuSeconds + 0.05; },
+                          onlyBusy);
+    ASSERT_TRUE(second);
+    EXPECT_GE(second->cpuSeconds, first.cpuSeconds + 0.05);
+    EXPECT_EQ(second->startTicks, first.startTicks);
 }
 
 TEST(ProcessTable, FixedTableAnswersFromItsFacts) {

@@ -29,8 +29,15 @@ std::string multiplexerText(const Multiplexer& m) {
     if (m.session || m.window || m.pane) {
         out += ":";
         if (m.session) out += *m.session;
-        if (m.window) out += (m.session ? ":" : "") + *m.window;
-        if (m.pane) out += (m.window ? "." : (m.session ? ":" : "")) + *m.pane;
+        if (m.window) {
+            if (m.session) out += ':';
+            out += *m.window;
+        }
+        if (m.pane) {
+            if (m.window) out += '.';
+            else if (m.session) out += ':';
+            out += *m.pane;
+        }
     }
     return out;
 }
@@ -39,21 +46,30 @@ std::string multiplexerText(const Multiplexer& m) {
 
 std::string formatLine(const DiscoveredAgent& a) {
     std::string line = "pid=" + std::to_string(a.pid);
-    line += " provider=" + std::string(rawValue(a.provider));
-    line += " " + field("cwd", a.cwd);
-    line += " " + field("session", a.sessionId);
-    if (a.sessionId) line += " paired=" + std::string(pairingName(a.pairing));
+    auto add = [&](const char* key, const std::optional<std::string>& value) {
+        line += ' ';
+        line += field(key, value);
+    };
+    line += " provider=";
+    line += rawValue(a.provider);
+    add("cwd", a.cwd);
+    add("session", a.sessionId);
+    if (a.sessionId) {
+        line += " paired=";
+        line += pairingName(a.pairing);
+    }
     if (a.host) {
-        line += " host=" + std::string(kindName(a.host->kind));
-        line += " " + field("app", a.host->appName);
-        line += " " + field("id", a.host->bundleID);
+        line += " host=";
+        line += kindName(a.host->kind);
+        add("app", a.host->appName);
+        add("id", a.host->bundleID);
     } else {
         line += " host=-";
     }
-    line += " " + field("mux", a.multiplexer ? std::optional(multiplexerText(*a.multiplexer)) : std::nullopt);
-    line += " " + field("repo", a.worktree.repoName);
-    line += " " + field("branch", a.gitBranch);
-    line += " " + field("worktree", a.worktree.isWorktree ? a.worktree.worktreeName : std::nullopt);
+    add("mux", a.multiplexer ? std::optional(multiplexerText(*a.multiplexer)) : std::nullopt);
+    add("repo", a.worktree.repoName);
+    add("branch", a.gitBranch);
+    add("worktree", a.worktree.isWorktree ? a.worktree.worktreeName : std::nullopt);
     char cpu[32];
     std::snprintf(cpu, sizeof cpu, " cpu=%.1f", a.cpu);
     line += cpu;

@@ -54,12 +54,15 @@ private:
     std::chrono::steady_clock::time_point takenAt_{};
 };
 
-// Which processes a snapshot reads in full. The working directory and the
-// executable cost as much to read as the rest together, and most processes
-// are never asked about them.
+// Which processes a snapshot follows closely. Reading every process afresh
+// each tick costs far more than the few the caller cares about: a process it
+// does not follow keeps the parent, times and terminal of when it was last
+// read in full (on first sight, after an exec, or after its parent ended),
+// and has no working directory or executable.
 struct SnapshotOptions {
-    // Decides from the facts read so far (pid, parents, command line, times)
-    // whether to read `cwd` and `executable` too; unset reads them for all.
+    // Decides from the facts read so far (pid, parents, command line) whether
+    // to follow a process: read its processor time, terminal and parent
+    // afresh, and its `cwd` and `executable`. Unset follows every process.
     std::function<bool(const ProcessInfo&)> wantsDetails;
 };
 

@@ -1,12 +1,16 @@
-// The process table read from /proc. One snapshot walks /proc once and reads,
-// per process, its stat line and its command line, and for the processes the
-// caller asks about the two links for the working directory and the executable.
+// The process table read from /proc. One snapshot lists /proc once; each
+// process is read in full (stat line and command line) when first seen and
+// then watched cheaply, and the processes the caller follows are read afresh
+// with the two links for the working directory and the executable.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -107,76 +111,118 @@ double seconds(clockid_t clock) {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
+// Raises the soft limit on open descriptors as far as the hard one allows
+// (within reason) and returns the soft limit in force. The process table
+// keeps one descriptor per process it watches; nothing in this program waits
+// on descriptors with select(), so high numbers are safe.
+size_t raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
+    rlim_t wanted = std::min<rlim_t>(limit.rlim_max, 1 << 16);
+    if (limit.rlim_cur < wanted) {
+        rlimit raised = limit;
+        raised.rlim_cur = wanted;
+        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+    }
+    return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, 1 << 20));
+}
+
+// The text of a small /proc file read again through a descriptor kept open;
+// false once the process is gone (the descriptor is bound to the process,
+// not to its number, so a reused pid reads as gone too).
+bool reread(int fd, char* buf, size_t size, size_t& length) {
+    ssize_t n;
+    do n = ::pread(fd, buf, size, 0);
+    while (n < 0 && errno == EINTR);
+    if (n <= 0) return false;
+    length = static_cast<size_t>(n);
+    return true;
+}
+
 class LinuxProcessTable : public ProcessTable {
 public:
     LinuxProcessTable() {
         long hz = ::sysconf(_SC_CLK_TCK);
         ticksPerSecond_ = hz > 0 ? static_cast<double>(hz) : 100.0;
+        // Half of what is left after a reserve for everything else we open.
+        size_t limit = raiseDescriptorLimit();
+        watchBudget_ = limit > 512 ? std::min<size_t>((limit - 512) / 2, 16384) : 0;
     }
 
+    ~LinuxProcessTable() override {
+        for (auto& [pid, k] : known_) unwatch(k);
+    }
+
+    // Reading a process's stat line and command line costs a few microseconds
+    // each, mostly in opening the files; at a thousand processes per tick that
+    // is most of the pass. So a process is read in full when it is first seen
+    // and kept: later ticks only re-read its kernel name through a descriptor
+    // kept open, which shows an exec (it renames the process) and the
+    // process's end. It is read in full again after an exec, when its parent
+    // has gone (it has been handed to another), while it is younger than a
+    // second (a fresh fork may not have exec'd yet, and the new program may
+    // keep the old name), and every tick for the processes the caller follows.
     ProcessSnapshot snapshot(const SnapshotOptions& options) override {
-        std::vector<ProcessInfo> out;
-        int procFd = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (procFd < 0) return ProcessSnapshot();
-        DIR* dir = ::fdopendir(procFd);
-        if (!dir) {
-            ::close(procFd);
-            return ProcessSnapshot();
-        }
+        std::lock_guard lock(mutex_);
+        if (procFd_ < 0) procFd_ = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (procFd_ < 0) return ProcessSnapshot();
         auto takenAt = std::chrono::steady_clock::now();
+        std::vector<int32_t> pids = listPids();
         // Wall-clock time of the boot: start ticks count from it.
         double bootEpoch = seconds(CLOCK_REALTIME) - seconds(CLOCK_BOOTTIME);
-        out.reserve(512);
-        std::string buf;
-        std::lock_guard lock(mutex_);
-        auto& commands = commands_;
-        std::unordered_map<int32_t, CommandLine> fresh;
-        fresh.reserve(commands.size() + 64);
-        while (dirent* e = ::readdir(dir)) {
-            const char* n = e->d_name;
-            if (*n < '1' || *n > '9') continue;
-            char* endp = nullptr;
-            long pid = std::strtol(n, &endp, 10);
-            if (*endp != '\0') continue;
-            // Relative names under /proc ("123/stat"): a pid is not reused
-            // within the microseconds between two reads of one process.
-            std::string base = std::string(n) + "/";
-            auto name = [&](const char* file) { return base + file; };
-            ProcessInfo p;
-            p.pid = static_cast<int32_t>(pid);
-            bool kernelThread = false;
-            if (!readAt(procFd, name("stat").c_str(), buf) || !parseStat(buf, p, ticksPerSecond_, kernelThread))
-                continue;  // gone
-            // Kernel threads have no command line, folder or executable to read.
-            if (!kernelThread) {
-                // A command line seldom changes, so it is read once per process
-                // (again after an exec, which renames the process: a wrapper
-                // script that execs the agent keeps its pid and start).
-                auto known = commands.find(p.pid);
-                if (known != commands.end() && known->second.startTicks == p.startTicks && known->second.name == p.name) {
-                    p.command = known->second.command;
-                    p.arguments = known->second.arguments;
-                } else if (readAt(procFd, name("cmdline").c_str(), buf)) {
-                    parseCmdline(buf, p);
-                }
-                fresh[p.pid] = CommandLine{p.startTicks, p.name, p.command, p.arguments};
-                if (!options.wantsDetails || options.wantsDetails(p)) {
-                    p.cwd = readLinkAt(procFd, name("cwd").c_str());
-                    p.executable = readLinkAt(procFd, name("exe").c_str());
-                }
+        auto listed = [&](int32_t pid) { return std::binary_search(pids.begin(), pids.end(), pid); };
+        ++pass_;
+
+        std::vector<ProcessInfo> out;
+        out.reserve(pids.size());
+        for (int32_t pid : pids) {
+            auto it = known_.find(pid);
+            Known* k = it == known_.end() ? nullptr : &it->second;
+            bool fresh = false;  // whether the stat line was read this tick
+            if (k && !current(*k, listed)) {
+                unwatch(*k);
+                known_.erase(it);
+                k = nullptr;
             }
-            if (p.executable) {
-                // A replaced executable reads as "<path> (deleted)".
-                static constexpr std::string_view deleted = " (deleted)";
-                if (p.executable->ends_with(deleted)) p.executable->resize(p.executable->size() - deleted.size());
+            if (!k) {
+                Known entry;
+                if (!readFully(pid, entry)) continue;  // gone, or not ours to read
+                k = &known_.insert_or_assign(pid, std::move(entry)).first->second;
+                fresh = true;
+            }
+            k->pass = pass_;
+            ProcessInfo p = k->facts;
+            bool followed = !p.command.empty() && (!options.wantsDetails || options.wantsDetails(p));
+            if (followed) {
+                if (!fresh) {
+                    bool kernelThread = false;
+                    if (!readAt(procFd_, path(pid, "stat"), buf_) || !parseStat(buf_, p, ticksPerSecond_, kernelThread))
+                        continue;
+                    if (p.startTicks != k->facts.startTicks) continue;  // the pid was reused just now
+                    k->facts.ppid = p.ppid, k->facts.tty = p.tty, k->facts.cpuSeconds = p.cpuSeconds;
+                }
+                p.cwd = readLinkAt(procFd_, path(pid, "cwd"));
+                p.executable = readLinkAt(procFd_, path(pid, "exe"));
+                if (p.executable) {
+                    // A replaced executable reads as "<path> (deleted)".
+                    static constexpr std::string_view deleted = " (deleted)";
+                    if (p.executable->ends_with(deleted)) p.executable->resize(p.executable->size() - deleted.size());
+                }
             }
             double startEpoch = bootEpoch + static_cast<double>(p.startTicks) / ticksPerSecond_;
             p.start = ProcessClock::time_point(std::chrono::duration_cast<ProcessClock::duration>(
                 std::chrono::duration<double>(startEpoch)));
             out.push_back(std::move(p));
         }
-        ::closedir(dir);
-        commands_ = std::move(fresh);
+        // Forget the processes that have ended.
+        for (auto it = known_.begin(); it != known_.end();) {
+            if (it->second.pass != pass_) {
+                unwatch(it->second);
+                it = known_.erase(it);
+            } else {
+                ++it;
+            }
+        }
         return ProcessSnapshot(std::move(out), takenAt);
     }
 
@@ -239,16 +285,88 @@ public:
     int32_t selfPid() const override { return static_cast<int32_t>(::getpid()); }
 
 private:
-    struct CommandLine {
-        uint64_t startTicks = 0;
-        std::string name;  // the kernel's short name when it was read: an exec changes it
-        std::string command;
-        std::vector<std::string> arguments;
+    // A process as last read in full, and the descriptor that watches its name.
+    struct Known {
+        ProcessInfo facts;  // without the working directory and the executable
+        uint64_t readAtTicks = 0;  // when it was read, in ticks since boot
+        int nameFd = -1;
+        uint64_t pass = 0;  // the last snapshot that listed it
     };
 
+    void unwatch(Known& k) {
+        if (k.nameFd < 0) return;
+        ::close(k.nameFd);
+        k.nameFd = -1;
+        --watched_;
+    }
+
+    std::vector<int32_t> listPids() {
+        std::vector<int32_t> pids;
+        pids.reserve(known_.size() + 64);
+        int fd = ::openat(procFd_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0) return pids;
+        DIR* dir = ::fdopendir(fd);
+        if (!dir) {
+            ::close(fd);
+            return pids;
+        }
+        while (dirent* e = ::readdir(dir)) {
+            const char* n = e->d_name;
+            if (*n < '1' || *n > '9') continue;
+            char* end = nullptr;
+            long pid = std::strtol(n, &end, 10);
+            if (*end == '\0') pids.push_back(static_cast<int32_t>(pid));
+        }
+        ::closedir(dir);
+        std::sort(pids.begin(), pids.end());
+        return pids;
+    }
+
+    // "123/stat": a name relative to /proc.
+    const char* path(int32_t pid, const char* file) {
+        std::snprintf(path_, sizeof path_, "%d/%s", pid, file);
+        return path_;
+    }
+
+    // Whether what we know of a process still holds; false when it must be
+    // read in full again.
+    template <typename Listed>
+    bool current(const Known& k, const Listed& listed) {
+        if (k.nameFd < 0) return false;  // nothing watches it: read it every tick
+        if (k.readAtTicks < k.facts.startTicks + static_cast<uint64_t>(ticksPerSecond_)) return false;
+        if (k.facts.ppid > 0 && !listed(k.facts.ppid)) return false;
+        char name[64];
+        size_t length = 0;
+        if (!reread(k.nameFd, name, sizeof name, length)) return false;
+        if (length > 0 && name[length - 1] == '\n') --length;
+        return std::string_view(name, length) == k.facts.name;
+    }
+
+    bool readFully(int32_t pid, Known& k) {
+        ProcessInfo& p = k.facts;
+        p.pid = pid;
+        bool kernelThread = false;
+        if (!readAt(procFd_, path(pid, "stat"), buf_) || !parseStat(buf_, p, ticksPerSecond_, kernelThread))
+            return false;
+        k.readAtTicks = static_cast<uint64_t>(seconds(CLOCK_BOOTTIME) * ticksPerSecond_);
+        // Kernel threads have no command line, folder or executable.
+        if (!kernelThread && readAt(procFd_, path(pid, "cmdline"), buf_)) parseCmdline(buf_, p);
+        if (watched_ < watchBudget_) {
+            k.nameFd = ::openat(procFd_, path(pid, "comm"), O_RDONLY | O_CLOEXEC);
+            if (k.nameFd >= 0) ++watched_;
+        }
+        return true;
+    }
+
     double ticksPerSecond_ = 100.0;
+    size_t watchBudget_ = 0;
+    size_t watched_ = 0;
     std::mutex mutex_;
-    std::unordered_map<int32_t, CommandLine> commands_;  // by pid, as of the last snapshot
+    int procFd_ = -1;
+    uint64_t pass_ = 0;
+    std::unordered_map<int32_t, Known> known_;
+    std::string buf_;
+    char path_[64];
 };
 
 }  // namespace
