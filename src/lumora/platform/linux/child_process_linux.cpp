@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "lumora/platform/child_process.hpp"
+#include "lumora/platform/linux/descriptor_limit.hpp"
 
 extern char** environ;
 
@@ -138,6 +139,7 @@ std::unique_ptr<ChildProcess> ChildProcess::spawn(const std::vector<std::string>
         ::dup2(in[0], STDIN_FILENO);
         ::dup2(out[1], STDOUT_FILENO);
         if (null >= 0) ::dup2(null, STDERR_FILENO);
+        DescriptorLimit::restoreInChild();
         ::execvpe(args[0], args.data(), envp.data());
         ::_exit(127);
     }

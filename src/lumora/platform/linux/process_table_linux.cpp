@@ -4,7 +4,6 @@
 // with the two links for the working directory and the executable.
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <unordered_map>
 #include <string_view>
 
+#include "lumora/platform/linux/descriptor_limit.hpp"
 #include "lumora/platform/process_table.hpp"
 
 namespace lumora {
@@ -111,22 +111,6 @@ double seconds(clockid_t clock) {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
-// Raises the soft limit on open descriptors as far as the hard one allows
-// (within reason) and returns the soft limit in force. The process table
-// keeps one descriptor per process it watches; nothing in this program waits
-// on descriptors with select(), so high numbers are safe.
-size_t raiseDescriptorLimit() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 1024;
-    rlim_t wanted = std::min<rlim_t>(limit.rlim_max, 1 << 16);
-    if (limit.rlim_cur < wanted) {
-        rlimit raised = limit;
-        raised.rlim_cur = wanted;
-        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
-    }
-    return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, 1 << 20));
-}
-
 // The text of a small /proc file read again through a descriptor kept open;
 // false once the process is gone (the descriptor is bound to the process,
 // not to its number, so a reused pid reads as gone too).
@@ -145,7 +129,7 @@ public:
         long hz = ::sysconf(_SC_CLK_TCK);
         ticksPerSecond_ = hz > 0 ? static_cast<double>(hz) : 100.0;
         // Half of what is left after a reserve for everything else we open.
-        size_t limit = raiseDescriptorLimit();
+        size_t limit = DescriptorLimit::raise();
         watchBudget_ = limit > 512 ? std::min<size_t>((limit - 512) / 2, 16384) : 0;
     }
 

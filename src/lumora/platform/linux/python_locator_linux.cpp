@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "lumora/platform/linux/descriptor_limit.hpp"
 #include "lumora/platform/python_locator.hpp"
 
 namespace lumora::PythonLocator {
@@ -73,6 +74,7 @@ bool passesProbe(const fs::path& interpreter) {
             ::dup2(null, STDERR_FILENO);
         }
         const char* argv[] = {interpreter.c_str(), "-c", "import json,socket,sys; sys.stdout.write('ok')", nullptr};
+        DescriptorLimit::restoreInChild();
         ::execv(interpreter.c_str(), const_cast<char* const*>(argv));
         ::_exit(127);
     }
