@@ -95,26 +95,30 @@ std::optional<Table> findTable(const std::vector<std::string>& lines, const std:
     return std::nullopt;
 }
 
-// The key of a `key = value` line (bare or quoted, whitespace removed), or empty.
-std::string keyOf(std::string_view line) {
-    std::string t = trimmed(line);
-    if (t.empty() || t[0] == '#' || t[0] == '[') return {};
-    size_t eq = std::string::npos;
+// Where `wanted` first stands outside a quoted string, or npos.
+size_t findOutsideQuotes(std::string_view text, char wanted) {
     bool inStr = false;
     char q = 0;
-    for (size_t k = 0; k < t.size(); ++k) {
-        char c = t[k];
+    for (size_t k = 0; k < text.size(); ++k) {
+        char c = text[k];
         if (inStr) {
             if (c == '\\' && q == '"') ++k;
             else if (c == q) inStr = false;
         } else if (c == '"' || c == '\'') {
             inStr = true;
             q = c;
-        } else if (c == '=') {
-            eq = k;
-            break;
+        } else if (c == wanted) {
+            return k;
         }
     }
+    return std::string_view::npos;
+}
+
+// The key of a `key = value` line (bare or quoted, whitespace removed), or empty.
+std::string keyOf(std::string_view line) {
+    std::string t = trimmed(line);
+    if (t.empty() || t[0] == '#' || t[0] == '[') return {};
+    size_t eq = findOutsideQuotes(t, '=');
     if (eq == std::string::npos) return {};
     std::string key = trimmed(t.substr(0, eq));
     if (key.size() >= 2 && (key.front() == '"' || key.front() == '\'') && key.back() == key.front())
@@ -124,25 +128,12 @@ std::string keyOf(std::string_view line) {
 
 std::string valueOf(std::string_view line) {
     std::string t = trimmed(line);
-    size_t eq = t.find('=');
+    size_t eq = findOutsideQuotes(t, '=');
     if (eq == std::string::npos) return {};
     std::string v = trimmed(t.substr(eq + 1));
     // Strip a trailing comment outside quotes.
-    bool inStr = false;
-    char q = 0;
-    for (size_t k = 0; k < v.size(); ++k) {
-        char c = v[k];
-        if (inStr) {
-            if (c == '\\' && q == '"') ++k;
-            else if (c == q) inStr = false;
-        } else if (c == '"' || c == '\'') {
-            inStr = true;
-            q = c;
-        } else if (c == '#') {
-            return trimmed(v.substr(0, k));
-        }
-    }
-    return v;
+    size_t comment = findOutsideQuotes(v, '#');
+    return comment == std::string::npos ? v : trimmed(v.substr(0, comment));
 }
 
 std::optional<size_t> findKey(const std::vector<std::string>& lines, const std::vector<bool>& inside, const Table& t,
