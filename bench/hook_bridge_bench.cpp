@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "bench_support.hpp"
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/app/log.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/base/log.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 
 namespace {

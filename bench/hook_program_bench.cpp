@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "bench_support.hpp"
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/app/file_util.hpp"
-#include "lumora/app/log.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/base/file_util.hpp"
+#include "lumora/base/log.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
 #include "lumora/platform/child_process.hpp"

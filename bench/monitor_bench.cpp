@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "bench_support.hpp"
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/app/log.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/base/log.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/claude_session_source.hpp"

@@ -90,7 +90,7 @@ namespace ClaudeTranscriptReader {
 namespace {
 
 struct CachedLedger {
-    JournalScan::FileStamp stamp;
+    FileStamp stamp;
     uint64_t scanned = 0;  // offset just past the last line the ledger has seen
     BackgroundLedger ledger;
 };
@@ -118,7 +118,7 @@ BackgroundLedger seedBackgroundLedger(const std::filesystem::path& file) {
 
 BackgroundTasks outstandingBackgroundTasks(const std::filesystem::path& file) {
     auto key = file.string();
-    auto now = JournalScan::stamp(file);
+    auto now = scrivet::stamp(file);
     if (!now) {
         std::lock_guard lock(gLedgerLock);
         gLedgers.erase(key);

@@ -72,7 +72,7 @@ AgentMeta readMeta(const fs::path& file) {
 }
 
 struct CachedParent {
-    JournalScan::FileStamp stamp;
+    FileStamp stamp;
     ParentBlocks parent;
 };
 
@@ -198,7 +198,7 @@ std::optional<long long> totalTokens(const std::vector<JournalEntry>& entries) {
 
 std::vector<AgentBlock> parentAgentBlocks(const fs::path& transcript) {
     auto key = transcript.string();
-    auto now = JournalScan::stamp(transcript);
+    auto now = scrivet::stamp(transcript);
     if (!now) {
         std::lock_guard lock(gParentLock);
         gParents.erase(key);

@@ -10,6 +10,7 @@
 
 #include "scrivet/claude_config.hpp"
 #include "scrivet/claude_subagent_reader.hpp"
+#include "scrivet/file_stamp.hpp"
 #include "scrivet/tail_reader.hpp"
 
 namespace scrivet::ClaudeTranscriptReader {
@@ -29,21 +30,6 @@ bool keepType(std::string_view type) {
     return type == "user" || type == "assistant" || type == "system" || type == "ai-title" ||
            type == "last-prompt" || type == "mode" || type == "permission-mode" || type == "custom-title" ||
            type == "summary";
-}
-
-std::optional<Date> modificationDate(const fs::path& file) {
-    struct stat st{};
-    if (::stat(file.c_str(), &st) != 0) return std::nullopt;
-    return Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::seconds(st.st_mtim.tv_sec) +
-                                                                std::chrono::nanoseconds(st.st_mtim.tv_nsec));
-}
-
-std::optional<Date> creationDate(const fs::path& file) {
-    struct statx sx{};
-    if (::statx(AT_FDCWD, file.c_str(), 0, STATX_BTIME, &sx) != 0 || !(sx.stx_mask & STATX_BTIME))
-        return std::nullopt;
-    return Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::seconds(sx.stx_btime.tv_sec) +
-                                                                std::chrono::nanoseconds(sx.stx_btime.tv_nsec));
 }
 
 fs::path defaultClaudeTempFolder() {

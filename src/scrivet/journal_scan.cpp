@@ -47,13 +47,6 @@ void processRegion(const char* region, size_t len, const std::vector<std::string
 
 }  // namespace
 
-std::optional<FileStamp> stamp(const std::filesystem::path& file) {
-    struct stat st{};
-    if (::stat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-    return FileStamp{st.st_dev, st.st_ino, static_cast<uint64_t>(st.st_size),
-                     static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec};
-}
-
 std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
                              const std::vector<std::string_view>& needles,
                              const std::function<void(std::string_view)>& onLine) {

@@ -9,22 +9,12 @@
 #include <string_view>
 #include <vector>
 
+#include "scrivet/file_stamp.hpp"
+
 // Reading a whole journal (or what it grew by) fast: only the lines that
 // contain one of a few needles are handed on, so a caller parses a handful of
 // lines out of hundreds of megabytes.
 namespace scrivet::JournalScan {
-
-// What identifies a file's contents between two looks at it.
-struct FileStamp {
-    dev_t device = 0;
-    ino_t inode = 0;
-    uint64_t size = 0;
-    int64_t mtimeNanos = 0;
-    bool operator==(const FileStamp&) const = default;
-};
-
-// The stamp of a regular file, or nothing when it can't be read.
-std::optional<FileStamp> stamp(const std::filesystem::path& file);
 
 // Calls `onLine` (in file order) with each complete line between `from` and
 // the file's last newline that contains one of `needles`. Each line handed on

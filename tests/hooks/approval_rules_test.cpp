@@ -5,12 +5,12 @@
 
 #include <sstream>
 
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/hooks/approval_decision.hpp"
-#include "lumora/hooks/approval_request.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/app/approval_decision.hpp"
+#include "lumora/approvals/approval_request.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/attention_marker.hpp"
-#include "lumora/hooks/command_parsing.hpp"
+#include "lumora/approvals/command_parsing.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "support/test_support.hpp"
 
@@ -70,7 +70,7 @@ TEST(ApprovalRequest, ScopeAndLabels) {
     EXPECT_EQ(none.approvalScope(), std::nullopt);
 
     AttentionMarker m{"s", "Bash", "ls", AttentionMarker::permission, "look", true, std::nullopt, 0};
-    EXPECT_EQ(ApprovalRequest::fromMarker(m, true), (ApprovalRequest{"s", "Bash", "ls", true, "look", true}));
+    EXPECT_EQ(m.approvalRequest(true), (ApprovalRequest{"s", "Bash", "ls", true, "look", true}));
     EXPECT_EQ(AttentionMarker::fromJson(m.toJson()), m);
     EXPECT_EQ(m.toJson().dump(),
               R"({"sessionId":"s","toolName":"Bash","detail":"ls","kind":"permission","reason":"look","escalated":true,"moreQuestions":0})");

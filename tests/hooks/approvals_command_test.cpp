@@ -2,8 +2,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/peer_credentials.hpp"
 #include "support/test_support.hpp"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "lumora/hooks/hook_dates.hpp"
+#include "lumora/base/dates.hpp"
 #include "support/test_support.hpp"
 
 using namespace lumora;
@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 TEST(CursorWaiting, ThresholdsTranscriptAndRunningShell) {
     TempDir dir;
     auto noteTime = std::chrono::system_clock::now() - 1h;
-    double ts = HookDates::toSeconds(noteTime);
+    double ts = Dates::toSeconds(noteTime);
     CursorPending shell{"cid", "/w", "npm test", "shell", "Shell", ts, ""};
     CursorPending tool{"cid", "/w", "", "tool", "Edit", ts, ""};
     CursorPending mcp{"cid", "/w", "", "mcp", "search", ts, ""};

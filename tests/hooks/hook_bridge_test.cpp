@@ -7,9 +7,9 @@
 #include <nlohmann/json.hpp>
 
 #include "hooks/socket_client.hpp"
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
-#include "lumora/hooks/hook_dates.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
+#include "lumora/base/dates.hpp"
 #include "support/test_support.hpp"
 
 using namespace lumora;
@@ -234,7 +234,7 @@ TEST_F(HookBridgeTest, TurnStateBusydoneAndDisconnect) {
 
 TEST_F(HookBridgeTest, CursorNotesAndModels) {
     ASSERT_TRUE(bridge->start());
-    double ts = HookDates::toSeconds(std::chrono::system_clock::now());
+    double ts = Dates::toSeconds(std::chrono::system_clock::now());
     // The Cursor hook writes several lines on one connection.
     {
         SocketClient c(socket);
@@ -313,7 +313,7 @@ TEST_F(HookBridgeTest, StateSurvivesRestartWithinHalfAnHour) {
 
     // A state file older than 1800 seconds describes prompts that are long gone.
     state = Json::parse(readFile(support / "hook-state.json"));
-    state["savedAt"] = HookDates::format(std::chrono::system_clock::now() - 1801s);
+    state["savedAt"] = Dates::format(std::chrono::system_clock::now() - 1801s);
     writeFile(support / "hook-state.json", state.dump());
     makeBridge();
     ASSERT_TRUE(bridge->start());
@@ -322,8 +322,8 @@ TEST_F(HookBridgeTest, StateSurvivesRestartWithinHalfAnHour) {
     bridge->stop();
 
     // Within the window, Claude markers older than a day are pruned; a corrupt file starts empty.
-    state["savedAt"] = HookDates::format(std::chrono::system_clock::now() - 1700s);
-    state["claudeMarkerCreatedAt"][kSid] = HookDates::format(std::chrono::system_clock::now() - 86401s);
+    state["savedAt"] = Dates::format(std::chrono::system_clock::now() - 1700s);
+    state["claudeMarkerCreatedAt"][kSid] = Dates::format(std::chrono::system_clock::now() - 86401s);
     writeFile(support / "hook-state.json", state.dump());
     makeBridge();
     ASSERT_TRUE(bridge->start());

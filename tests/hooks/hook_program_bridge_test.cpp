@@ -6,9 +6,9 @@
 #include <sstream>
 #include <thread>
 
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/app/file_util.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/base/file_util.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/hooks/hook_self_test.hpp"

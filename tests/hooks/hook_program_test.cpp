@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "hooks/fake_hook_server.hpp"
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
 #include "lumora/platform/child_process.hpp"
 #include "lumora/platform/paths.hpp"

@@ -6,8 +6,8 @@
 #include <fstream>
 
 #include "hooks/fake_hook_server.hpp"
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/hooks/opencode_hooks.hpp"
 #include "lumora/platform/child_process.hpp"

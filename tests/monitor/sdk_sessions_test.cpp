@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "lumora/app/defaults_store.hpp"
+#include "lumora/base/defaults_store.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "support/test_support.hpp"

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "lumora/platform/applications.hpp"
+#include "lumora/platform/linux/applications_linux.hpp"
 #include "lumora/platform/process_table.hpp"
 #include "monitor/child_process.hpp"
 #include "support/test_support.hpp"

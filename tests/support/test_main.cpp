@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-#include "lumora/app/log.hpp"
+#include "lumora/base/log.hpp"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <ostream>
 
-#include "lumora/hooks/approval_rules_store.hpp"
-#include "lumora/hooks/hook_dates.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
+#include "lumora/base/dates.hpp"
 
 namespace lumora::ApprovalsCommand {
 
@@ -15,7 +15,7 @@ int list(ApprovalRulesStore& rules, std::ostream& out) {
     }
     for (const auto& r : all) {
         out << r.id << "  " << r.toolName << "  " << r.head.value_or("*") << "  "
-            << HookDates::format(r.createdAt) << "\n";
+            << Dates::format(r.createdAt) << "\n";
     }
     return 0;
 }

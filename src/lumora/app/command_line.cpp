@@ -5,10 +5,11 @@
 
 #include "lumora/app/approvals_command.hpp"
 #include "lumora/app/hooks_command.hpp"
-#include "lumora/app/log.hpp"
+#include "lumora/app/lumora_app.hpp"
+#include "lumora/base/log.hpp"
 #include "lumora/app/processes_command.hpp"
 #include "lumora/app/run_commands.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/app/transcript_command.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
@@ -63,7 +64,7 @@ int run(int argc, char** argv) {
     if (paths) return printPaths();
     if (HooksCommand::requested(hookFlags)) return HooksCommand::run(hookFlags, std::cout, std::cerr);
     if (processes) return ProcessesCommand::run();
-    if (demo) return ui::runDemo();
+    if (demo) return ui::runDemo([] { return viewSettings(SettingsStore::shared()); });
     if (approvals) return ApprovalsCommand::list(ApprovalRulesStore::shared(), std::cout);
     if (removeApproval->count() > 0)
         return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);

@@ -2,7 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "lumora/app/defaults_store.hpp"
+#include "lumora/base/defaults_store.hpp"
 #include "lumora/hooks/hook_installation.hpp"
 #include "lumora/hooks/hook_self_test.hpp"
 #include "lumora/hooks/uninstaller.hpp"

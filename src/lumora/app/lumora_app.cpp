@@ -1,6 +1,6 @@
 #include "lumora/app/lumora_app.hpp"
 
-#include "lumora/hooks/approval_decision.hpp"
+#include "lumora/app/approval_decision.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
@@ -118,6 +118,15 @@ void LumoraApp::stop() {
     bridge_->releaseAllGates();
     monitor_->stop();
     bridge_->stop();
+}
+
+ui::ViewSettings viewSettings(const SettingsStore& store) {
+    ui::ViewSettings s;
+    s.tabMarks = store.tabMarks();
+    s.idlePolicy = store.idleAgentPolicy();
+    s.visibleRowLimit = store.visibleRowLimit();
+    s.soundEnabled = store.soundEnabled();
+    return s;
 }
 
 AppBackend::AppBackend(LumoraApp& app) : app_(app) {}

@@ -7,12 +7,13 @@
 #include <vector>
 
 #include "lumora/app/settings_store.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
 #include "lumora/ui/view_backend.hpp"
+#include "lumora/ui/view_state.hpp"
 
 namespace lumora {
 
@@ -52,6 +53,9 @@ private:
     bool gatingWanted_ = false;
     bool started_ = false;
 };
+
+// The settings a view draws with, as the user set them.
+ui::ViewSettings viewSettings(const SettingsStore& store);
 
 // The front ends' view of a running app: the monitor's published list and
 // the approval decisions on the bridge and the rules.

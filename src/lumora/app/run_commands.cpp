@@ -10,7 +10,7 @@
 #include <sstream>
 #include <thread>
 
-#include "lumora/app/log.hpp"
+#include "lumora/base/log.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
@@ -191,6 +191,7 @@ int interactive() {
     app.start(true);
     ui::TerminalViewOptions options;
     options.onQuit = [&] { app.stop(); };
+    options.settings = [&app] { return viewSettings(app.settings()); };
     int code = ui::runTerminalView(backend, options);
     app.stop();
     return code;

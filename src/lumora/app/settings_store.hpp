@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "lumora/app/defaults_store.hpp"
+#include "lumora/base/defaults_store.hpp"
 #include "lumora/monitor/agent_display.hpp"
 #include "lumora/monitor/notch_state.hpp"
 #include "lumora/monitor/tab_layout.hpp"

@@ -6,6 +6,8 @@
 
 #include "lumora/hooks/hook_config_edits.hpp"
 
+// The Claude Code installer (named for the attention hooks it installs).
+//
 // Claude Code's hooks: the program ~/.claude/lumora/notch-hook.py and its
 // groups in ~/.claude/settings.json. Only groups whose command runs our
 // program are ever touched; ~/.claude.json is never written.

@@ -1,7 +1,7 @@
 #include "lumora/hooks/attention_marker.hpp"
 
 #include "lumora/hooks/cursor_notes.hpp"
-#include "lumora/hooks/json_fields.hpp"
+#include "lumora/base/json_fields.hpp"
 
 namespace lumora {
 
@@ -58,6 +58,10 @@ std::optional<CursorActivity> CursorActivity::fromJson(const Json& j) {
         !read(j, "title", a.title) || !read(j, "ts", a.ts))
         return std::nullopt;
     return a;
+}
+
+ApprovalRequest AttentionMarker::approvalRequest(bool approvable) const {
+    return ApprovalRequest{sessionId, toolName, detail, approvable, reason, escalated};
 }
 
 }  // namespace lumora

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "lumora/approvals/approval_request.hpp"
+
 namespace lumora {
 
 // A hook-reported "needs you" marker of one session.
@@ -29,6 +31,10 @@ struct AttentionMarker {
     nlohmann::ordered_json toJson() const;
     // Nothing when `json` is not an object or a key has the wrong type.
     static std::optional<AttentionMarker> fromJson(const nlohmann::ordered_json& json);
+
+    // The approval row this marker shows; `approvable` says whether the
+    // bridge holds a gate for its session.
+    ApprovalRequest approvalRequest(bool approvable) const;
 
     bool operator==(const AttentionMarker&) const = default;
 };

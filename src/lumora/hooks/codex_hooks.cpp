@@ -9,7 +9,7 @@
 #include <regex>
 #include <toml++/toml.h>
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/hooks/toml_text_edits.hpp"
 #include "lumora/platform/paths.hpp"
 

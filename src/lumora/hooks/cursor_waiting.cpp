@@ -1,8 +1,8 @@
 #include "lumora/hooks/cursor_waiting.hpp"
 
-#include <sys/stat.h>
+#include "lumora/platform/file_stamp.hpp"
 
-#include "lumora/hooks/hook_dates.hpp"
+#include "lumora/base/dates.hpp"
 
 namespace lumora::CursorHooks {
 
@@ -15,9 +15,9 @@ constexpr double kTranscriptSlack = 0.75;
 // The file's modification time in seconds since 1970, if it can be read.
 std::optional<double> modifiedAt(const std::string& path) {
     if (path.empty()) return std::nullopt;
-    struct stat st{};
-    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
-    return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
+    auto stamp = FileStamp::of(path);
+    if (!stamp) return std::nullopt;
+    return static_cast<double>(stamp->mtimeNanos) / 1e9;
 }
 
 }  // namespace
@@ -26,7 +26,7 @@ bool isWaiting(const CursorPending& pending, std::chrono::system_clock::time_poi
                const ShellAppearsRunning& shellAppearsRunning) {
     if (pending.kind == "mcp") return false;
     bool shell = pending.kind == "shell";
-    double age = HookDates::toSeconds(now) - pending.ts;
+    double age = Dates::toSeconds(now) - pending.ts;
     if (age < (shell ? kShellThreshold : kOtherThreshold)) return false;
     // A transcript written after the note means the agent moved on.
     if (auto written = modifiedAt(pending.transcriptPath); written && *written > pending.ts + kTranscriptSlack)

@@ -14,18 +14,15 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "lumora/app/file_util.hpp"
-#include "lumora/app/serial_queue.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
-#include "lumora/hooks/hook_dates.hpp"
-#include "lumora/hooks/json_fields.hpp"
+#include "lumora/base/file_util.hpp"
+#include "lumora/base/serial_queue.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
+#include "lumora/base/dates.hpp"
+#include "lumora/base/json_fields.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/peer_credentials.hpp"
+#include "lumora/platform/sockets.hpp"
 #include "scrivet/transcript_records.hpp"
-
-#ifndef MSG_NOSIGNAL
-#define MSG_NOSIGNAL 0
-#endif
 
 namespace lumora {
 
@@ -170,11 +167,6 @@ struct HookBridge::Request {
 // ---------------------------------------------------------------------------------------------
 // Construction and queries
 
-HookBridge& HookBridge::shared() {
-    static HookBridge bridge(Paths::socketPath(), Paths::supportFolder(), ApprovalRulesStore::shared());
-    return bridge;
-}
-
 HookBridge::HookBridge(fs::path socketPath, fs::path supportFolder, ApprovalRulesStore& rules, Options options)
     : socketPath_(std::move(socketPath)),
       supportFolder_(std::move(supportFolder)),
@@ -257,7 +249,7 @@ std::set<std::string> HookBridge::claudeBusySessions(TimePoint now) const {
 }
 
 std::map<std::string, CursorPending> HookBridge::cursorPending(TimePoint now) const {
-    double since = HookDates::toSeconds(now - kCursorWindow);
+    double since = Dates::toSeconds(now - kCursorWindow);
     std::lock_guard lock(mutex_);
     std::map<std::string, CursorPending> out;
     for (const auto& [cid, p] : cursorPending_) {
@@ -267,7 +259,7 @@ std::map<std::string, CursorPending> HookBridge::cursorPending(TimePoint now) co
 }
 
 std::map<std::string, CursorActivity> HookBridge::cursorActivity(TimePoint now) const {
-    double since = HookDates::toSeconds(now - kCursorWindow);
+    double since = Dates::toSeconds(now - kCursorWindow);
     std::lock_guard lock(mutex_);
     std::map<std::string, CursorActivity> out;
     for (const auto& [cid, a] : cursorActivity_) {
@@ -298,7 +290,7 @@ std::set<std::string> HookBridge::heldGateSessions() const {
 
 void HookBridge::trace(std::string_view text) const {
     if (!options_.traceFile) return;
-    FileUtil::appendLine(*options_.traceFile, HookDates::format(Clock::now()) + " " + std::string(text));
+    FileUtil::appendLine(*options_.traceFile, Dates::format(Clock::now()) + " " + std::string(text));
 }
 
 void HookBridge::handleLine(std::string_view line, ConnectionId connection) {
@@ -324,7 +316,7 @@ void HookBridge::handleLine(std::string_view line, ConnectionId connection) {
     // The rules are asked before the bridge's lock is taken: the two locks never nest.
     if (r.action == "gate" && source != Source::cursor && rules_.matches(r.sessionId, r.toolName, r.detail, r.escalated)) {
         std::string head = scrivet::truncateText(scrivet::collapseWhitespace(r.detail.value_or("")), kLogHeadChars);
-        std::string logLine = HookDates::format(now) + "  auto-approve tool=" + r.toolName +
+        std::string logLine = Dates::format(now) + "  auto-approve tool=" + r.toolName +
                               " session=" + r.sessionId + " head=" + head;
         {
             std::lock_guard lock(mutex_);
@@ -439,7 +431,7 @@ void HookBridge::cursorHandlerLocked(const Request& r, TimePoint now) {
             dirty_ = changed_ = true;
         }
     }
-    double ts = r.ts.value_or(HookDates::toSeconds(now));
+    double ts = r.ts.value_or(Dates::toSeconds(now));
     if (r.action == "pending") {
         cursorPending_[cid] = CursorPending{cid,    r.cwd, scrivet::truncateText(r.command, 200), r.kind, r.toolName,
                                             ts,     r.transcriptPath};
@@ -537,14 +529,14 @@ std::string HookBridge::encode(const SavedState& s, TimePoint savedAt) {
         return j;
     };
     Json state = Json::object();
-    state["savedAt"] = HookDates::format(savedAt);
+    state["savedAt"] = Dates::format(savedAt);
     state["claudeMarkers"] = markers(s.claude);
     state["codexMarkers"] = markers(s.codex);
     Json pending = Json::object(), activity = Json::object(), models = Json::object(), created = Json::object();
     for (const auto& [cid, p] : s.cursorPending) pending[cid] = p.toJson();
     for (const auto& [cid, a] : s.cursorActivity) activity[cid] = a.toJson();
     for (const auto& [cid, m] : s.cursorModels) models[cid] = m;
-    for (const auto& [sid, when] : s.claudeCreatedAt) created[sid] = HookDates::format(when);
+    for (const auto& [sid, when] : s.claudeCreatedAt) created[sid] = Dates::format(when);
     state["cursorPending"] = std::move(pending);
     state["cursorActivity"] = std::move(activity);
     state["cursorModels"] = std::move(models);
@@ -575,7 +567,7 @@ void HookBridge::restore(TimePoint now) {
     if (!text) return;
     Json j = Json::parse(*text, nullptr, false);
     if (j.is_discarded() || !j.is_object()) return;
-    auto savedAt = j.contains("savedAt") ? HookDates::parse(j["savedAt"]) : std::nullopt;
+    auto savedAt = j.contains("savedAt") ? Dates::parse(j["savedAt"]) : std::nullopt;
     if (!savedAt || now - *savedAt > kRestoreWindow) return;  // prompts that are long gone
 
     auto object = [&](const char* key) -> const Json* {
@@ -611,7 +603,7 @@ void HookBridge::restore(TimePoint now) {
     }
     if (const Json* o = object("claudeMarkerCreatedAt")) {
         for (const auto& [sid, v] : o->items()) {
-            if (auto when = HookDates::parse(v)) markerCreatedAt_[sid] = *when;
+            if (auto when = Dates::parse(v)) markerCreatedAt_[sid] = *when;
         }
     }
     pruneLocked(now);
@@ -867,7 +859,7 @@ void HookBridge::flushOutbox() {
         auto it = connections_.find(reply.connection);
         if (it == connections_.end()) continue;  // the client has gone
         std::string line = Json{{"v", 1}, {"behavior", reply.behavior}}.dump() + "\n";
-        ssize_t n = ::send(it->second.fd, line.data(), line.size(), MSG_NOSIGNAL);
+        ssize_t n = Sockets::sendNoSignal(it->second.fd, line.data(), line.size());
         (void)n;  // a client that went away or never reads gets nothing more
         if (options_.traceFile) trace("REPLY behavior=" + reply.behavior);
         closeConnection(reply.connection);

@@ -67,10 +67,6 @@ public:
 
     using Options = HookBridgeOptions;
 
-    // The bridge on Paths::socketPath(), keeping its files in
-    // Paths::supportFolder(), asking ApprovalRulesStore::shared().
-    static HookBridge& shared();
-
     // A bridge listening on `socketPath` that keeps hook-state.json and
     // approvals.log in `supportFolder` and asks `rules` on every gate.
     HookBridge(std::filesystem::path socketPath, std::filesystem::path supportFolder, ApprovalRulesStore& rules,

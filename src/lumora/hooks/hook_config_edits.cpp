@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/python_locator.hpp"

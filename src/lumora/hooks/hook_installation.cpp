@@ -2,7 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
-#include "lumora/app/defaults_store.hpp"
+#include "lumora/base/defaults_store.hpp"
 #include "lumora/hooks/attention_hooks.hpp"
 #include "lumora/hooks/codex_hooks.hpp"
 #include "lumora/hooks/cursor_hooks.hpp"

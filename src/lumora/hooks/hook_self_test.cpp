@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/hooks/attention_hooks.hpp"
 #include "lumora/hooks/codex_hooks.hpp"
 #include "lumora/hooks/cursor_hooks.hpp"

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 
 namespace lumora::HookSelfTest {

@@ -2,7 +2,7 @@
 
 #include <system_error>
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 
 namespace lumora::JSONConfigFile {
 

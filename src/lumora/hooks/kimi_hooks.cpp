@@ -2,7 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/hooks/toml_text_edits.hpp"
 #include "lumora/platform/paths.hpp"
 

@@ -1,6 +1,6 @@
 #include "lumora/hooks/opencode_hooks.hpp"
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
 #include "lumora/hooks/hook_config_edits.hpp"
 #include "lumora/platform/paths.hpp"

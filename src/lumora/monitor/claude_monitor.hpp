@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "lumora/app/run_loop.hpp"
-#include "lumora/app/serial_queue.hpp"
+#include "lumora/base/run_loop.hpp"
+#include "lumora/base/serial_queue.hpp"
 #include "lumora/monitor/peek_event.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/session_derivation.hpp"
@@ -38,6 +38,9 @@ struct HookSnapshot {
     HookSignals lookup(HarnessProvider provider, const std::string& sessionId) const;
 };
 
+// The session monitor. Despite its name it watches every agent (Claude
+// Code, Codex, Cursor, Kimi, OpenCode), one SessionSource per agent.
+//
 // The centre of the system: on a timer, and at once when a hook event
 // arrives, it finds every agent session, reads its facts, folds in what the
 // hooks know, decides each status by the ordered rules and publishes the

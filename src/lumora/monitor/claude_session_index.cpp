@@ -5,7 +5,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/monitor/agent_process_finder.hpp"
 
 namespace lumora::ClaudeSessionIndex {

@@ -1,7 +1,5 @@
 #include "lumora/monitor/claude_session_source.hpp"
 
-#include <sys/stat.h>
-
 #include <set>
 
 #include "lumora/monitor/worktree_resolver.hpp"
@@ -23,32 +21,21 @@ std::string ClaudeSessionSource::projectName(const std::string& cwd, const std::
 
 namespace {
 
-struct Stamp {
-    int64_t size = -1, mtimeNs = -1, inode = -1;
-};
-
-Stamp stampOf(const std::filesystem::path& file) {
-    struct stat st{};
-    if (::stat(file.c_str(), &st) != 0) return {};
-    return {static_cast<int64_t>(st.st_size),
-            static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec, static_cast<int64_t>(st.st_ino)};
-}
 
 }  // namespace
 
 std::optional<scrivet::TranscriptInfo> ClaudeSessionSource::readInfo(const std::filesystem::path& file,
                                                                       const std::string& cwd, Date now) {
     usedThisScan_.insert(file);
-    auto stamp = stampOf(file);
+    auto stamp = FileStamp::of(file);
     auto it = infoCache_.find(file);
-    if (it != infoCache_.end() && it->second.size == stamp.size && it->second.mtimeNs == stamp.mtimeNs &&
-        it->second.inode == stamp.inode && it->second.configMtimeNs == configMtimeNs_)
+    if (it != infoCache_.end() && stamp && it->second.stamp == *stamp && it->second.configMtimeNs == configMtimeNs_)
         return it->second.info;
     auto info = Reader::info(file, cwd, paths_.claudeConfig, Reader::ReadOptions{now, paths_.tempFolder});
     bool settled = info && info->subagentCount == 0 && info->pendingBackgroundAgents == 0 &&
-                   !info->recentSubagentActivity && stamp.size >= 0;
+                   !info->recentSubagentActivity && stamp;
     if (settled) {
-        infoCache_[file] = {stamp.size, stamp.mtimeNs, stamp.inode, configMtimeNs_, *info};
+        infoCache_[file] = {*stamp, configMtimeNs_, *info};
     } else {
         infoCache_.erase(file);
     }
@@ -58,7 +45,7 @@ std::optional<scrivet::TranscriptInfo> ClaudeSessionSource::readInfo(const std::
 std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& ctx) {
     std::vector<SessionObservation> out;
     usedThisScan_.clear();
-    configMtimeNs_ = stampOf(paths_.claudeConfig).mtimeNs;
+    configMtimeNs_ = FileStamp::of(paths_.claudeConfig).value_or(FileStamp{}).mtimeNanos;
     std::set<std::string> seen;
     if (ctx.processes) {
         for (const auto& agent : ctx.processes->agents) {

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "lumora/monitor/claude_monitor.hpp"
+#include "lumora/platform/file_stamp.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
 
 namespace lumora {
@@ -40,7 +41,8 @@ private:
                                                     Date now);
 
     struct CachedInfo {
-        int64_t size = -1, mtimeNs = -1, inode = -1, configMtimeNs = -1;
+        FileStamp stamp;
+        int64_t configMtimeNs = -1;
         scrivet::TranscriptInfo info;
     };
 

@@ -70,7 +70,7 @@ std::string_view kindName(Multiplexer::Kind kind) {
     return "tmux";
 }
 
-HostResolver::HostResolver(ProcessTable& table) : table_(table) {}
+HostResolver::HostResolver(ProcessTable& table) : table_(table), apps_(table) {}
 
 AgentHost HostResolver::hostFor(const std::string& appId) {
     auto d = Applications::describe(appId);
@@ -83,81 +83,8 @@ AgentHost HostResolver::hostFor(const std::string& appId) {
     return h;
 }
 
-std::optional<std::string> HostResolver::unitOf(const ProcessInfo& process) {
-    auto& e = apps_[process.pid];
-    if (e.startTicks != process.startTicks) {
-        e = AppEntry();
-        e.startTicks = process.startTicks;
-    }
-    if (!e.unitRead) {
-        e.unit = table_.launchUnit(process.pid);
-        e.unitRead = true;
-    }
-    return e.unit;
-}
-
-std::optional<std::string> HostResolver::hintOf(const ProcessInfo& process, const ProcessSnapshot& snapshot) {
-    {
-        auto& e = apps_[process.pid];
-        if (e.startTicks != process.startTicks) {
-        e = AppEntry();
-        e.startTicks = process.startTicks;
-    }
-        if (e.hintRead) return e.hint;
-    }
-    auto hint = readHint(process, snapshot);
-    auto& e = apps_[process.pid];
-    e.hint = hint;
-    e.hintRead = true;
-    return hint;
-}
-
-std::optional<std::string> HostResolver::readHint(const ProcessInfo& process, const ProcessSnapshot& snapshot) {
-    // A launcher's hint is inherited by every descendant, so it names the
-    // process it was set for: the one its pid variable names, or else the
-    // topmost process that carries it (its parent does not).
-    std::vector<std::string> names;
-    for (const auto& h : Applications::launchHints()) {
-        names.push_back(h.fileVariable);
-        if (!h.pidVariable.empty()) names.push_back(h.pidVariable);
-    }
-    auto env = table_.environment(process.pid, names);
-    if (env.empty()) return std::nullopt;
-    std::optional<std::map<std::string, std::string>> parentEnv;
-    for (const auto& h : Applications::launchHints()) {
-        auto file = env.find(h.fileVariable);
-        if (file == env.end()) continue;
-        if (!h.pidVariable.empty()) {
-            auto pid = env.find(h.pidVariable);
-            if (pid != env.end()) {
-                if (pid->second == std::to_string(process.pid)) return Applications::forDesktopFile(file->second);
-                continue;
-            }
-        }
-        if (!parentEnv) parentEnv = table_.environment(process.ppid, names);
-        auto inherited = parentEnv->find(h.fileVariable);
-        if (inherited == parentEnv->end() || inherited->second != file->second || !snapshot.find(process.ppid))
-            return Applications::forDesktopFile(file->second);
-    }
-    return std::nullopt;
-}
-
 std::optional<std::string> HostResolver::applicationOf(const ProcessInfo& process, const ProcessSnapshot& snapshot) {
-    for (std::string_view name : {process.executable ? baseName(*process.executable) : std::string_view(), baseName(process.command),
-                                  std::string_view(process.name)}) {
-        if (name.empty()) continue;
-        if (auto id = Applications::forExecutable(name)) return id;
-    }
-    if (process.pid <= 1) return std::nullopt;
-    // The unit a launcher started the application in; its children share it,
-    // so only the topmost process of the unit is the application itself.
-    if (auto unit = unitOf(process)) {
-        if (auto id = Applications::forLaunchUnit(*unit)) {
-            const ProcessInfo* parent = snapshot.find(process.ppid);
-            if (!parent || parent->pid <= 1 || unitOf(*parent) != *unit) return id;
-        }
-    }
-    return std::nullopt;
+    return apps_.applicationOf(process, snapshot);
 }
 
 bool HostResolver::isApplicationRunning(const std::string& appId, const ProcessSnapshot& snapshot) {
@@ -182,9 +109,7 @@ HostResolution HostResolver::walk(const ProcessInfo& agent, const ProcessSnapsho
                     out.multiplexer->serverPid = parent->pid;
                 }
             }
-            auto id = applicationOf(*parent, snapshot);
-            if (!id) id = hintOf(*parent, snapshot);
-            if (id) {
+            if (auto id = apps_.launchedAs(*parent, snapshot)) {
                 out.host = hostFor(*id);
                 break;
             }
@@ -226,7 +151,7 @@ void HostResolver::evict(const ProcessSnapshot& snapshot) {
         return !p || p->startTicks != startTicks;
     };
     std::erase_if(hosts_, [&](const auto& kv) { return stale(kv.first, kv.second.startTicks); });
-    std::erase_if(apps_, [&](const auto& kv) { return stale(kv.first, kv.second.startTicks); });
+    apps_.evict(snapshot);
 }
 
 }  // namespace lumora

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lumora/monitor/agent_instance.hpp"
+#include "lumora/platform/applications.hpp"
 #include "lumora/platform/process_table.hpp"
 
 namespace lumora {
@@ -56,28 +57,18 @@ public:
     // The host an application id makes: terminal, ide or app, with its display name.
     static AgentHost hostFor(const std::string& appId);
 
-    size_t cachedPids() const { return hosts_.size() + apps_.size(); }
+    size_t cachedPids() const { return hosts_.size() + apps_.cachedPids(); }
 
 private:
-    struct AppEntry {
-        uint64_t startTicks = 0;
-        std::optional<std::string> unit;
-        bool unitRead = false;
-        std::optional<std::string> hint;
-        bool hintRead = false;
-    };
     struct HostEntry {
         uint64_t startTicks = 0;
         HostResolution resolution;
     };
 
-    std::optional<std::string> unitOf(const ProcessInfo& process);
-    std::optional<std::string> readHint(const ProcessInfo& process, const ProcessSnapshot& snapshot);
-    std::optional<std::string> hintOf(const ProcessInfo& process, const ProcessSnapshot& snapshot);
     HostResolution walk(const ProcessInfo& agent, const ProcessSnapshot& snapshot, bool& cacheable);
 
     ProcessTable& table_;
-    std::unordered_map<int32_t, AppEntry> apps_;
+    ApplicationIdentifier apps_;
     std::unordered_map<int32_t, HostEntry> hosts_;
 };
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <unordered_map>
 
-#include "lumora/app/defaults_store.hpp"
+#include "lumora/base/defaults_store.hpp"
 #include "lumora/platform/paths.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "scrivet/journal_entry.hpp"

@@ -1,6 +1,6 @@
 #include "lumora/monitor/worktree_resolver.hpp"
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 
 namespace lumora::WorktreeResolver {
 

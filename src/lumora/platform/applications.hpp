@@ -1,16 +1,19 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
-// What the platform knows about desktop applications: which application a
-// process is, and what kind of application an identifier names. On Linux an
-// application is named by its desktop id ("org.gnome.Terminal"); the facts
-// come from the executable's name, the unit the session manager launched it
-// in, and the launch hints in its environment.
-namespace lumora::Applications {
+#include "lumora/platform/process_table.hpp"
+
+// What the platform knows about desktop applications. An application is named
+// by an id: on Linux its desktop id ("org.gnome.Terminal"), learned from the
+// executable's name, the unit the session manager launched it in and the
+// launch hints a launcher leaves in the environment.
+namespace lumora {
+
+namespace Applications {
 
 enum class Role { terminal, editor, other };
 
@@ -20,27 +23,33 @@ struct Description {
     bool operator==(const Description&) const = default;
 };
 
-// The application whose own executable has this file name
-// ("gnome-terminal-server" -> "org.gnome.Terminal"); nothing when unknown.
-std::optional<std::string> forExecutable(std::string_view fileName);
-
-// The application a launch unit was made for: "app-gnome-org.gnome.Terminal-1234.scope"
-// and "app-org.kde.konsole@ab12.service" name theirs; other units name none.
-std::optional<std::string> forLaunchUnit(std::string_view unit);
-
-// The desktop id of a desktop file path ("/usr/share/applications/kitty.desktop" -> "kitty").
-std::optional<std::string> forDesktopFile(std::string_view path);
-
-// The environment variables a launcher leaves in the processes it starts.
-// Each hint is a pair: the variable naming the desktop file, and the variable
-// naming the pid it was set for (empty when the launcher sets none).
-struct LaunchHint {
-    std::string fileVariable;
-    std::string pidVariable;
-};
-const std::vector<LaunchHint>& launchHints();
-
 // The name and role of an application; an unknown id gets a name made from it.
 Description describe(std::string_view appId);
 
-}  // namespace lumora::Applications
+}  // namespace Applications
+
+// Tells which application a process belongs to. What it reads per process is
+// cached by pid and start time; evict() trims the cache to the live pids.
+// Safe to use from one thread at a time.
+class ApplicationIdentifier {
+public:
+    explicit ApplicationIdentifier(ProcessTable& table);
+    ~ApplicationIdentifier();
+    ApplicationIdentifier(const ApplicationIdentifier&) = delete;
+    ApplicationIdentifier& operator=(const ApplicationIdentifier&) = delete;
+
+    // The application `process` is itself (not one it merely descends from).
+    std::optional<std::string> applicationOf(const ProcessInfo& process, const ProcessSnapshot& snapshot);
+    // The application `process` is, or was launched as: applicationOf, else
+    // what the launcher said it started (a script or wrapper that a desktop
+    // entry runs is that entry's application).
+    std::optional<std::string> launchedAs(const ProcessInfo& process, const ProcessSnapshot& snapshot);
+    void evict(const ProcessSnapshot& snapshot);
+    size_t cachedPids() const;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace lumora

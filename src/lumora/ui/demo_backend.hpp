@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "lumora/app/run_loop.hpp"
+#include "lumora/base/run_loop.hpp"
 #include "lumora/ui/view_backend.hpp"
 
 namespace lumora::ui {

@@ -13,8 +13,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "lumora/app/log.hpp"
-#include "lumora/app/settings_store.hpp"
+#include "lumora/base/log.hpp"
 #include "lumora/ui/curses_painter.hpp"
 #include "lumora/ui/demo_backend.hpp"
 #include "lumora/ui/view_controller.hpp"
@@ -70,7 +69,7 @@ int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options) {
         return 1;
     }
     RunLoop& loop = options.loop ? *options.loop : RunLoop::main();
-    auto settings = options.settings ? options.settings : [] { return ViewSettings::from(SettingsStore::shared()); };
+    auto settings = options.settings ? options.settings : [] { return ViewSettings{}; };
 
     useUtf8Locale();
     QuitSignals signals;
@@ -156,15 +155,17 @@ std::string plainSnapshot(ViewBackend& backend, const ViewSettings& settings, in
     return text + "\n";
 }
 
-int runDemo() {
+int runDemo(const std::function<ViewSettings()>& settings) {
     Log::silence();
     DemoBackend backend;
     if (!terminalAvailable()) {
-        std::cout << plainSnapshot(backend, ViewSettings::from(SettingsStore::shared()));
+        std::cout << plainSnapshot(backend, settings());
         return 0;
     }
     backend.start(RunLoop::main());
-    return runTerminalView(backend);
+    TerminalViewOptions options;
+    options.settings = settings;
+    return runTerminalView(backend, options);
 }
 
 }  // namespace lumora::ui

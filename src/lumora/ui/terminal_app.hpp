@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "lumora/app/run_loop.hpp"
+#include "lumora/base/run_loop.hpp"
 #include "lumora/ui/view_backend.hpp"
 #include "lumora/ui/view_state.hpp"
 
@@ -11,8 +11,8 @@
 namespace lumora::ui {
 
 struct TerminalViewOptions {
-    // The settings to draw with; read again on every change. Defaults to the
-    // user's settings (SettingsStore::shared()).
+    // The settings to draw with; read again on every change. Defaults to
+    // ViewSettings' own defaults.
     std::function<ViewSettings()> settings;
     // Runs when the user quits, while the screen is still up and before the
     // loop stops: the place to answer held gates and save state.
@@ -37,8 +37,8 @@ int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options = {
 // no terminal to draw on.
 std::string plainSnapshot(ViewBackend& backend, const ViewSettings& settings, int width = 100);
 
-// `lumora --demo`: the view over DemoBackend's scripted sessions; a plain
-// snapshot when there is no terminal.
-int runDemo();
+// `lumora --demo`: the view over DemoBackend's scripted sessions, drawn
+// with `settings`; a plain snapshot when there is no terminal.
+int runDemo(const std::function<ViewSettings()>& settings);
 
 }  // namespace lumora::ui

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "lumora/hooks/approval_request.hpp"
+#include "lumora/approvals/approval_request.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 #include "lumora/monitor/peek_event.hpp"
 

@@ -2,18 +2,7 @@
 
 #include <algorithm>
 
-#include "lumora/app/settings_store.hpp"
-
 namespace lumora::ui {
-
-ViewSettings ViewSettings::from(const SettingsStore& store) {
-    ViewSettings s;
-    s.tabMarks = store.tabMarks();
-    s.idlePolicy = store.idleAgentPolicy();
-    s.visibleRowLimit = store.visibleRowLimit();
-    s.soundEnabled = store.soundEnabled();
-    return s;
-}
 
 ViewModel ViewModel::read(const ViewBackend& backend, const ViewSettings& settings, Date now) {
     ViewModel m;

@@ -10,10 +10,6 @@
 #include "lumora/monitor/tab_layout.hpp"
 #include "lumora/ui/view_backend.hpp"
 
-namespace lumora {
-class SettingsStore;
-}
-
 // What the terminal view shows and where the user is in it, as plain data:
 // the renderer draws from these, the controller changes them.
 namespace lumora::ui {
@@ -25,8 +21,6 @@ struct ViewSettings {
     int visibleRowLimit = AgentDisplay::kDefaultVisibleRowLimit;
     bool soundEnabled = true;
     bool operator==(const ViewSettings&) const = default;
-
-    static ViewSettings from(const SettingsStore& store);
 };
 
 // Everything drawn, read from the backend at one moment.

@@ -3,9 +3,14 @@
 #include <array>
 #include <cctype>
 
-#include "lumora/platform/applications.hpp"
+#include <unordered_map>
 
-namespace lumora::Applications {
+#include "lumora/platform/applications.hpp"
+#include "lumora/platform/linux/applications_linux.hpp"
+
+namespace lumora {
+
+namespace Applications {
 
 namespace {
 
@@ -220,4 +225,122 @@ Description describe(std::string_view appId) {
     return {nameFromId(id), Role::other};
 }
 
-}  // namespace lumora::Applications
+}  // namespace Applications
+
+struct ApplicationIdentifier::State {
+    struct Entry {
+        uint64_t startTicks = 0;
+        std::optional<std::string> unit;
+        bool unitRead = false;
+        std::optional<std::string> hint;
+        bool hintRead = false;
+    };
+
+    explicit State(ProcessTable& t) : table(t) {}
+
+    Entry& entry(const ProcessInfo& process) {
+        auto& e = entries[process.pid];
+        if (e.startTicks != process.startTicks) {
+            e = Entry();
+            e.startTicks = process.startTicks;
+        }
+        return e;
+    }
+
+    std::optional<std::string> unitOf(const ProcessInfo& process) {
+        auto& e = entry(process);
+        if (!e.unitRead) {
+            e.unit = table.launchUnit(process.pid);
+            e.unitRead = true;
+        }
+        return e.unit;
+    }
+
+    std::optional<std::string> readHint(const ProcessInfo& process, const ProcessSnapshot& snapshot) {
+        // A launcher's hint is inherited by every descendant, so it names the
+        // process it was set for: the one its pid variable names, or else the
+        // topmost process that carries it (its parent does not).
+        std::vector<std::string> names;
+        for (const auto& h : Applications::launchHints()) {
+            names.push_back(h.fileVariable);
+            if (!h.pidVariable.empty()) names.push_back(h.pidVariable);
+        }
+        auto env = table.environment(process.pid, names);
+        if (env.empty()) return std::nullopt;
+        std::optional<std::map<std::string, std::string>> parentEnv;
+        for (const auto& h : Applications::launchHints()) {
+            auto file = env.find(h.fileVariable);
+            if (file == env.end()) continue;
+            if (!h.pidVariable.empty()) {
+                auto pid = env.find(h.pidVariable);
+                if (pid != env.end()) {
+                    if (pid->second == std::to_string(process.pid)) return Applications::forDesktopFile(file->second);
+                    continue;
+                }
+            }
+            if (!parentEnv) parentEnv = table.environment(process.ppid, names);
+            auto inherited = parentEnv->find(h.fileVariable);
+            if (inherited == parentEnv->end() || inherited->second != file->second || !snapshot.find(process.ppid))
+                return Applications::forDesktopFile(file->second);
+        }
+        return std::nullopt;
+    }
+
+    std::optional<std::string> hintOf(const ProcessInfo& process, const ProcessSnapshot& snapshot) {
+        if (auto& e = entry(process); e.hintRead) return e.hint;
+        auto hint = readHint(process, snapshot);
+        auto& e = entry(process);
+        e.hint = hint;
+        e.hintRead = true;
+        return hint;
+    }
+
+    ProcessTable& table;
+    std::unordered_map<int32_t, Entry> entries;
+};
+
+namespace {
+std::string_view baseName(std::string_view path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+}  // namespace
+
+ApplicationIdentifier::ApplicationIdentifier(ProcessTable& table) : state_(std::make_unique<State>(table)) {}
+ApplicationIdentifier::~ApplicationIdentifier() = default;
+
+std::optional<std::string> ApplicationIdentifier::applicationOf(const ProcessInfo& process,
+                                                                const ProcessSnapshot& snapshot) {
+    for (std::string_view name : {process.executable ? baseName(*process.executable) : std::string_view(),
+                                  baseName(process.command), std::string_view(process.name)}) {
+        if (name.empty()) continue;
+        if (auto id = Applications::forExecutable(name)) return id;
+    }
+    if (process.pid <= 1) return std::nullopt;
+    // The unit a launcher started the application in; its children share it,
+    // so only the topmost process of the unit is the application itself.
+    if (auto unit = state_->unitOf(process)) {
+        if (auto id = Applications::forLaunchUnit(*unit)) {
+            const ProcessInfo* parent = snapshot.find(process.ppid);
+            if (!parent || parent->pid <= 1 || state_->unitOf(*parent) != *unit) return id;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> ApplicationIdentifier::launchedAs(const ProcessInfo& process,
+                                                             const ProcessSnapshot& snapshot) {
+    if (auto id = applicationOf(process, snapshot)) return id;
+    return state_->hintOf(process, snapshot);
+}
+
+void ApplicationIdentifier::evict(const ProcessSnapshot& snapshot) {
+    std::erase_if(state_->entries, [&](const auto& kv) {
+        const ProcessInfo* p = snapshot.find(kv.first);
+        return !p || p->startTicks != kv.second.startTicks;
+    });
+}
+
+size_t ApplicationIdentifier::cachedPids() const { return state_->entries.size(); }
+
+}  // namespace lumora

@@ -1,7 +1,6 @@
-#include "lumora/hooks/approval_request.hpp"
+#include "lumora/approvals/approval_request.hpp"
 
-#include "lumora/hooks/attention_marker.hpp"
-#include "lumora/hooks/command_parsing.hpp"
+#include "lumora/approvals/command_parsing.hpp"
 
 namespace lumora {
 
@@ -15,9 +14,5 @@ std::optional<ApprovalScope> ApprovalRequest::approvalScope() const {
     return ApprovalScope::tool();
 }
 
-ApprovalRequest ApprovalRequest::fromMarker(const AttentionMarker& marker, bool approvable) {
-    return ApprovalRequest{marker.sessionId, marker.toolName, marker.detail, approvable, marker.reason,
-                           marker.escalated};
-}
 
 }  // namespace lumora

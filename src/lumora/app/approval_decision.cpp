@@ -1,31 +1,9 @@
-#include "lumora/hooks/approval_decision.hpp"
+#include "lumora/app/approval_decision.hpp"
 
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 
 namespace lumora {
-
-namespace {
-
-std::string subject(const ApprovalScope& scope, const std::string& toolName) {
-    if (scope.kind == ApprovalScope::Kind::tool) return toolName;
-    std::string out;
-    for (const auto& head : scope.heads) {
-        if (!out.empty()) out += ", ";
-        out += head;
-    }
-    return out;
-}
-
-}  // namespace
-
-std::string ApprovalLabels::allowThisSession(const ApprovalScope& scope, const std::string& toolName) {
-    return "Allow " + subject(scope, toolName) + " this session";
-}
-
-std::string ApprovalLabels::alwaysAllow(const ApprovalScope& scope, const std::string& toolName) {
-    return "Always allow " + subject(scope, toolName);
-}
 
 std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdict verdict,
                                   std::optional<DecisionScopeConfirmation> widen, HookBridge& bridge,
@@ -49,11 +27,6 @@ std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdic
     }
     bridge.resolve(request.sessionId, true);
     return confirmation;
-}
-
-std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdict verdict,
-                                  std::optional<DecisionScopeConfirmation> scope) {
-    return decide(request, verdict, scope, HookBridge::shared(), ApprovalRulesStore::shared());
 }
 
 }  // namespace lumora

@@ -1,4 +1,4 @@
-#include "lumora/app/run_loop.hpp"
+#include "lumora/base/run_loop.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "lumora/platform/file_stamp.hpp"
+
 namespace lumora {
 
 // The user-defaults store: typed values under plain keys in one JSON file.
@@ -55,11 +57,6 @@ public:
     Json snapshot() const;
 
 private:
-    struct Stamp {
-        int64_t mtimeNs = -1, size = -1, inode = -1;
-        bool operator==(const Stamp&) const = default;
-    };
-
     void refreshIfChanged() const;  // requires mutex_
     // Applies `change` to the freshest on-disk state under the file lock and writes it back.
     void mutate(const std::function<void(Json&)>& change);
@@ -67,7 +64,7 @@ private:
     std::filesystem::path file_;
     mutable std::mutex mutex_;
     mutable Json cache_ = Json::object();
-    mutable Stamp stamp_;
+    mutable std::optional<FileStamp> stamp_;
 };
 
 }  // namespace lumora

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <thread>
 
-#include "lumora/app/run_loop.hpp"
-#include "lumora/app/serial_queue.hpp"
+#include "lumora/base/run_loop.hpp"
+#include "lumora/base/serial_queue.hpp"
 
 using namespace lumora;
 using namespace std::chrono_literals;

@@ -6,8 +6,6 @@
 
 namespace lumora {
 
-struct AttentionMarker;
-
 // What an approval could be widened to: the whole tool (tools that are not
 // shells) or the programs a shell command runs.
 struct ApprovalScope {
@@ -41,9 +39,6 @@ struct ApprovalRequest {
     // be read safely.
     std::optional<ApprovalScope> approvalScope() const;
 
-    // The request a permission marker shows; `approvable` says whether the
-    // bridge holds a gate for its session.
-    static ApprovalRequest fromMarker(const AttentionMarker& marker, bool approvable);
 
     bool operator==(const ApprovalRequest&) const = default;
 };

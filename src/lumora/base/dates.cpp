@@ -1,11 +1,9 @@
-#include "lumora/hooks/hook_dates.hpp"
+#include "lumora/base/dates.hpp"
 
 #include <cmath>
 #include <cstdio>
 
-#include "scrivet/journal_entry.hpp"
-
-namespace lumora::HookDates {
+namespace lumora::Dates {
 
 std::string format(TimePoint when) {
     using namespace std::chrono;
@@ -23,8 +21,33 @@ std::string format(TimePoint when) {
     return out;
 }
 
+std::optional<TimePoint> parseIso(std::string_view text) {
+    using namespace std::chrono;
+    // Exactly what format() writes, with or without the milliseconds.
+    int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0, consumed = 0;
+    std::string copy(text.substr(0, 40));
+    if (std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &y, &mo, &d, &h, &mi, &s, &consumed) != 6 ||
+        consumed != 19)
+        return std::nullopt;
+    year_month_day ymd{year{y}, month{static_cast<unsigned>(mo)}, day{static_cast<unsigned>(d)}};
+    if (!ymd.ok() || y < 1900 || y > 2200 || h > 23 || mi > 59 || s > 60) return std::nullopt;
+    std::string_view rest = text.substr(19);
+    milliseconds ms{0};
+    if (rest.size() == 5 && rest[0] == '.') {
+        int value = 0;
+        for (char c : rest.substr(1, 3)) {
+            if (c < '0' || c > '9') return std::nullopt;
+            value = value * 10 + (c - '0');
+        }
+        ms = milliseconds{value};
+        rest.remove_prefix(4);
+    }
+    if (rest != "Z") return std::nullopt;
+    return time_point_cast<system_clock::duration>(sys_days{ymd} + hours{h} + minutes{mi} + seconds{s} + ms);
+}
+
 std::optional<TimePoint> parse(const nlohmann::ordered_json& value) {
-    if (value.is_string()) return scrivet::parseIsoDate(value.get_ref<const std::string&>());
+    if (value.is_string()) return parseIso(value.get_ref<const std::string&>());
     if (value.is_number()) {
         double s = value.get<double>();
         if (!std::isfinite(s) || std::fabs(s) > 1e11) return std::nullopt;
@@ -41,4 +64,4 @@ TimePoint fromSeconds(double seconds) {
     return TimePoint(std::chrono::duration_cast<TimePoint::duration>(std::chrono::duration<double>(seconds)));
 }
 
-}  // namespace lumora::HookDates
+}  // namespace lumora::Dates

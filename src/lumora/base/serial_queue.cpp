@@ -1,15 +1,16 @@
-#include "lumora/app/serial_queue.hpp"
-
-#include <pthread.h>
+#include "lumora/base/serial_queue.hpp"
 
 #include <future>
+
+#include "lumora/platform/threads.hpp"
 
 namespace lumora {
 
 SerialQueue::SerialQueue(std::string label) : label_(std::move(label)) {
-    worker_ = std::thread([this] { work(); });
-    // Thread names are limited to 15 characters on Linux.
-    pthread_setname_np(worker_.native_handle(), label_.substr(0, 15).c_str());
+    worker_ = std::thread([this] {
+        Threads::nameCurrent(label_);
+        work();
+    });
 }
 
 SerialQueue::~SerialQueue() {

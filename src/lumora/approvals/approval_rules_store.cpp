@@ -1,4 +1,4 @@
-#include "lumora/hooks/approval_rules_store.hpp"
+#include "lumora/approvals/approval_rules_store.hpp"
 
 #include <spdlog/spdlog.h>
 
@@ -6,9 +6,9 @@
 #include <cctype>
 #include <random>
 
-#include "lumora/app/defaults_store.hpp"
-#include "lumora/hooks/command_parsing.hpp"
-#include "lumora/hooks/hook_dates.hpp"
+#include "lumora/base/defaults_store.hpp"
+#include "lumora/approvals/command_parsing.hpp"
+#include "lumora/base/dates.hpp"
 
 namespace lumora {
 
@@ -51,7 +51,7 @@ Json ApprovalRule::toJson() const {
     j["id"] = id;
     j["toolName"] = toolName;
     if (head) j["head"] = *head;
-    j["createdAt"] = HookDates::format(createdAt);
+    j["createdAt"] = Dates::format(createdAt);
     return j;
 }
 
@@ -69,7 +69,7 @@ std::optional<ApprovalRule> ApprovalRule::fromJson(const Json& j) {
         if (!head->is_string()) return std::nullopt;
         rule.head = head->get<std::string>();
     }
-    auto when = HookDates::parse(*created);
+    auto when = Dates::parse(*created);
     if (!when) return std::nullopt;
     rule.createdAt = *when;
     return rule;

@@ -1,4 +1,4 @@
-#include "lumora/hooks/command_parsing.hpp"
+#include "lumora/approvals/command_parsing.hpp"
 
 #include <algorithm>
 

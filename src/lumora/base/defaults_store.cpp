@@ -1,4 +1,4 @@
-#include "lumora/app/defaults_store.hpp"
+#include "lumora/base/defaults_store.hpp"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora {
@@ -40,12 +40,7 @@ DefaultsStore& DefaultsStore::shared() {
 DefaultsStore::DefaultsStore(std::filesystem::path file) : file_(std::move(file)) {}
 
 void DefaultsStore::refreshIfChanged() const {
-    struct stat st{};
-    Stamp now;
-    if (::stat(file_.c_str(), &st) == 0) {
-        now = {static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
-               static_cast<int64_t>(st.st_size), static_cast<int64_t>(st.st_ino)};
-    }
+    auto now = FileStamp::of(file_);
     if (now == stamp_) return;
     cache_ = load(file_);
     stamp_ = now;

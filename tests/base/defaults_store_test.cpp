@@ -5,7 +5,7 @@
 
 #include <thread>
 
-#include "lumora/app/defaults_store.hpp"
+#include "lumora/base/defaults_store.hpp"
 #include "support/test_support.hpp"
 
 using lumora::DefaultsStore;

@@ -1,4 +1,4 @@
-#include "lumora/app/log.hpp"
+#include "lumora/base/log.hpp"
 
 #include <spdlog/sinks/null_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>

@@ -1,4 +1,4 @@
-#include "lumora/app/file_util.hpp"
+#include "lumora/base/file_util.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
