@@ -1,8 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "scrivet/harness_provider.hpp"
 
 namespace lumora {
 
@@ -30,6 +33,10 @@ struct ApprovalRequest {
     bool approvable = false;            // a gate is held, so an answer reaches the agent
     std::optional<std::string> reason;  // the "why" line
     bool escalated = false;             // wants to run outside the sandbox ("Outside sandbox")
+    // The agent asking: standing rules made on one agent's prompt never answer another's.
+    scrivet::HarnessProvider provider = scrivet::HarnessProvider::claudeCode;
+    // The held prompt this row shows (the bridge numbers them); 0 when none is held.
+    uint64_t gateId = 0;
 
     // True when there is a reason to show; such a row grows by one line.
     bool hasContext() const { return reason && !reason->empty(); }

@@ -112,7 +112,7 @@ bool writeConfig(const std::string& current, const std::string& text) {
         if (!FileUtil::writeAtomically(backup, current, 0600)) return false;
     }
     fs::create_directories(configPath().parent_path(), ec);
-    return FileUtil::writeAtomically(configPath(), text, 0600);
+    return FileUtil::writeAtomically(configPath(), text, 0600).ok;
 }
 
 }  // namespace

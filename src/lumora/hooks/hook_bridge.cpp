@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "lumora/base/file_util.hpp"
+#include "lumora/base/json_text.hpp"
 #include "lumora/base/serial_queue.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/base/dates.hpp"
@@ -48,26 +49,6 @@ bool setNonBlocking(int fd) {
     int flags = ::fcntl(fd, F_GETFL, 0);
     if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) return false;
     return ::fcntl(fd, F_SETFD, FD_CLOEXEC) == 0;
-}
-
-// JSON nested deeper than any hook writes; refused before parsing.
-bool nestedTooDeep(std::string_view line) {
-    int depth = 0;
-    bool inString = false;
-    for (size_t i = 0; i < line.size(); ++i) {
-        char c = line[i];
-        if (inString) {
-            if (c == '\\') ++i;
-            else if (c == '"') inString = false;
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '{' || c == '[') {
-            if (++depth > kMaxNesting) return true;
-        } else if (c == '}' || c == ']') {
-            --depth;
-        }
-    }
-    return false;
 }
 
 // Creates `dir` with mode 0700 (its parents as needed) when missing.
@@ -127,7 +108,7 @@ struct HookBridge::Request {
     // Nothing (and `why`) when the line is not a JSON object, a key has the
     // wrong type, or there is no session id.
     static std::optional<Request> parse(std::string_view line, std::string& why) {
-        if (nestedTooDeep(line)) {
+        if (JsonText::nestedDeeperThan(line, kMaxNesting)) {
             why = "nested too deep";
             return std::nullopt;
         }

@@ -132,7 +132,7 @@ bool writeText(std::string_view text, const fs::path& file) {
     } else {
         fs::create_directories(file.parent_path(), ec);
     }
-    return FileUtil::writeAtomically(file, text, 0644);
+    return FileUtil::writeAtomically(file, text, 0644).ok;
 }
 
 bool write(const Json& object, const fs::path& file, const WriteOptions& options) {

@@ -44,7 +44,7 @@ bool writeConfig(const std::string& current, const std::string& text) {
         if (!FileUtil::writeAtomically(JSONConfigFile::backupURL(configPath()), current, 0600)) return false;
     }
     fs::create_directories(configPath().parent_path(), ec);
-    return FileUtil::writeAtomically(configPath(), text, 0644);
+    return FileUtil::writeAtomically(configPath(), text, 0644).ok;
 }
 
 }  // namespace

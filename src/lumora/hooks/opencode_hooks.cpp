@@ -49,7 +49,7 @@ bool install() {
     fs::create_directories(pluginPath().parent_path(), ec);
     auto current = FileUtil::readFile(pluginPath());
     if (current && *current == text) return true;
-    return FileUtil::writeAtomically(pluginPath(), text, 0644);
+    return FileUtil::writeAtomically(pluginPath(), text, 0644).ok;
 }
 
 bool uninstall() {
