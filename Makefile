@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 ARGS ?=
 FUZZ_SECONDS ?= 60
 
-.PHONY: all bootstrap build run test bench fuzz clean
+.PHONY: all bootstrap build run test test-tsan bench fuzz clean
 
 all: build
 
@@ -27,6 +27,17 @@ test: bootstrap build/asan/build.ninja
 	cmake --build build/asan -j $(JOBS)
 	cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
 		ctest --output-on-failure -j $(JOBS)
+
+# The threaded parts (the run loop and queues, the hook bridge, the monitor and
+# the app's wiring) once more under ThreadSanitizer.
+TSAN_AREAS = base hooks monitor app
+build/tsan/build.ninja:
+	cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DLUMORA_TSAN=ON
+
+test-tsan: bootstrap build/tsan/build.ninja
+	cmake --build build/tsan -j $(JOBS) --target lumora $(addsuffix _tests,$(TSAN_AREAS))
+	cd build/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+		ctest --output-on-failure -j $(JOBS) -L '^($(subst $(eval) ,|,$(TSAN_AREAS)))$$'
 
 build/bench/build.ninja:
 	cmake -S . -B build/bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA_TESTS=OFF -DLUMORA_BENCH=ON
