@@ -3,6 +3,8 @@
 #include <system_error>
 
 #include "lumora/base/file_util.hpp"
+#include "lumora/base/json_text.hpp"
+#include "lumora/hooks/hook_providers.hpp"
 
 namespace lumora::JSONConfigFile {
 
@@ -90,10 +92,16 @@ Contents parse(std::string_view text) {
         contents.kind = Contents::Kind::missing;
         return contents;
     }
+    contents.kind = Contents::Kind::unreadable;
+    // The parser recurses once per level: a file nested thousands deep would exhaust the stack.
+    if (JsonText::nestedDeeperThan(text, kMaxDepth)) {
+        contents.why = "nests deeper than " + std::to_string(kMaxDepth) + " levels";
+        return contents;
+    }
     Json parsed = Json::parse(withoutTrailingCommas(text), nullptr, /*allow_exceptions=*/false,
                               /*ignore_comments=*/false);
     if (parsed.is_discarded() || !parsed.is_object()) {
-        contents.kind = Contents::Kind::unreadable;
+        contents.why = "isn't valid JSON";  // a top-level array or scalar too: we only edit objects
         return contents;
     }
     contents.kind = Contents::Kind::object;
@@ -102,14 +110,14 @@ Contents parse(std::string_view text) {
 }
 
 Contents load(const fs::path& file) {
-    std::error_code ec;
-    if (!fs::exists(file, ec)) {
-        if (fs::is_symlink(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}};
+    auto read = FileUtil::read(file);
+    if (read.missing()) {
+        std::error_code ec;
+        if (fs::is_symlink(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}, "is a link to nothing"};
         return Contents{};
     }
-    auto text = FileUtil::readFile(file);
-    if (!text || fs::is_directory(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}};
-    return parse(*text);
+    if (!read.ok()) return Contents{Contents::Kind::unreadable, Json::object(), {}, "can't be read (" + read.why + ")"};
+    return parse(read.text);
 }
 
 fs::path backupURL(const fs::path& file) { return fs::path(file.string() + ".notch-backup"); }
@@ -121,21 +129,25 @@ std::string serialise(const Json& object, const WriteOptions& options) {
     return out;
 }
 
-bool writeText(std::string_view text, const fs::path& file) {
-    std::error_code ec;
-    bool exists = fs::exists(file, ec);
-    if (exists) {
-        auto current = FileUtil::readFile(file);
-        if (!current) return false;
-        if (*current == text) return true;
-        if (!FileUtil::writeAtomically(backupURL(file), *current, 0600)) return false;
-    } else {
+Status writeText(std::string_view text, const fs::path& file) {
+    auto current = FileUtil::read(file);
+    if (current.ok()) {
+        if (current.text == text) return Status::success();
+        Status saved = FileUtil::writeAtomically(backupURL(file), current.text, 0600);
+        if (!saved) return Status::failure("can't back up " + HookProviders::displayPath(file) + ": " + saved.why);
+    } else if (current.missing()) {
+        std::error_code ec;
         fs::create_directories(file.parent_path(), ec);
+        if (ec) return Status::failure("can't create " + HookProviders::displayPath(file.parent_path()) + ": " + ec.message());
+    } else {
+        return Status::failure(HookProviders::displayPath(file) + " can't be read (" + current.why + ") — left alone");
     }
-    return FileUtil::writeAtomically(file, text, 0644).ok;
+    Status written = FileUtil::writeAtomically(file, text, 0644);
+    if (!written) return Status::failure("can't write " + HookProviders::displayPath(file) + ": " + written.why);
+    return written;
 }
 
-bool write(const Json& object, const fs::path& file, const WriteOptions& options) {
+Status write(const Json& object, const fs::path& file, const WriteOptions& options) {
     return writeText(serialise(object, options), file);
 }
 
