@@ -19,9 +19,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto flagged = Edits::enablingFeatureFlag(text);
     if (flagged.status) {
         if (!Edits::featureOn(flagged.text)) __builtin_trap();
+        // A text without a final newline keeps the one our block needed (the uninstaller restores
+        // those bytes from its backup).
+        auto same = [&](const std::string& back) {
+            return back == text || back == text + "\n" || back == text + "\r\n";
+        };
         bool added = flagged.text != text && !Edits::holdsOurFlag(text);
-        if (added && Edits::disablingFeatureFlag(flagged.text, false) != text &&
-            Edits::disablingFeatureFlag(flagged.text, true) != text)
+        if (added && !same(Edits::disablingFeatureFlag(flagged.text, false)) &&
+            !same(Edits::disablingFeatureFlag(flagged.text, true)))
             __builtin_trap();
     }
 

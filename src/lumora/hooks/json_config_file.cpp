@@ -44,6 +44,7 @@ struct Layout {
     int width = 2;
     char fill = ' ';
     bool finalNewline = true;
+    bool crlf = false;
 };
 
 // The indent unit of the first indented line, and whether the text ends in a newline.
@@ -51,6 +52,8 @@ Layout layoutOf(std::string_view text) {
     Layout layout;
     if (text.empty()) return layout;
     layout.finalNewline = text.back() == '\n';
+    size_t firstEol = text.find('\n');
+    layout.crlf = firstEol != std::string_view::npos && firstEol > 0 && text[firstEol - 1] == '\r';
     size_t pos = 0;
     while (pos < text.size()) {
         size_t eol = text.find('\n', pos);
@@ -126,7 +129,15 @@ std::string serialise(const Json& object, const WriteOptions& options) {
     Layout layout = layoutOf(options.layoutFrom);
     std::string out = object.dump(layout.width, layout.fill, /*ensure_ascii=*/false, Json::error_handler_t::replace);
     if (layout.finalNewline) out += '\n';
-    return out;
+    if (!layout.crlf) return out;
+    // Line breaks in the output are all structural: strings carry theirs escaped.
+    std::string crlf;
+    crlf.reserve(out.size() + out.size() / 16);
+    for (char c : out) {
+        if (c == '\n') crlf += '\r';
+        crlf += c;
+    }
+    return crlf;
 }
 
 Status writeText(std::string_view text, const fs::path& file) {

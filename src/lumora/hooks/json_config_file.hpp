@@ -50,8 +50,8 @@ Contents parse(std::string_view text);
 fs::path backupURL(const fs::path& file);
 
 struct WriteOptions {
-    // The text whose layout (indent unit, final newline) the output follows;
-    // when empty, two spaces and a final newline.
+    // The text whose layout (indent unit, final newline, CRLF line ends) the
+    // output follows; when empty, two spaces and a final newline.
     std::string layoutFrom;
 };
 
