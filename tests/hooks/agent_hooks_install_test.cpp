@@ -510,6 +510,11 @@ TEST(OpenCodeHooks, ThePluginCarriesTheSocketPathAndItsMarker) {
     EXPECT_FALSE(OpenCodeHooks::isInstalled());
     ASSERT_TRUE(OpenCodeHooks::uninstall());
     EXPECT_FALSE(fs::exists(OpenCodeHooks::pluginPath()));
+    // Something that is not a file where the plugin goes is left as it is.
+    fs::create_directories(OpenCodeHooks::pluginPath());
+    EXPECT_EQ(OpenCodeHooks::install().why,
+              "~/.config/opencode/plugins/lumora.js can't be read (a folder, not a file) — left alone");
+    EXPECT_TRUE(fs::is_directory(OpenCodeHooks::pluginPath()));
 }
 
 TEST(HookInstallation, StartUpRefreshesOnlyStaleInstallsAndOnlyWhenEnabled) {

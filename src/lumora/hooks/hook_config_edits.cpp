@@ -54,7 +54,12 @@ Status writeProgram(const fs::path& file, std::string_view text, unsigned mode) 
     std::error_code ec;
     fs::create_directories(file.parent_path(), ec);
     if (ec) return Status::failure("can't create " + displayPath(file.parent_path()) + ": " + ec.message());
-    if (!holdsText(file, text)) {
+    auto current = FileUtil::read(file);
+    if (!current.ok() && !current.missing()) {
+        // A folder, a FIFO or a file we may not read where our program goes: not ours to replace.
+        return Status::failure(displayPath(file) + " can't be read (" + current.why + ") — left alone");
+    }
+    if (!current.ok() || current.text != text) {
         Status written = FileUtil::writeAtomically(file, text, mode);
         if (!written) return Status::failure("can't write " + displayPath(file) + ": " + written.why);
     }
