@@ -1,36 +1,44 @@
-// Arbitrary bytes as an agent's JSON configuration and as a TOML file: loading,
-// merging our hook groups in and taking them out again must never crash or
-// throw, and an unreadable file must never be offered for merging.
+// Arbitrary bytes as an agent's JSON configuration: loading (with its depth
+// limit), merging our hook groups in and cutting them out of the text again
+// must never crash, throw or recurse without bound; an unreadable file is
+// never offered for merging, and a cut text always parses to the object the
+// same edit gives.
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 #include "lumora/hooks/hook_config_edits.hpp"
 #include "lumora/hooks/json_config_file.hpp"
-#include "lumora/hooks/kimi_hooks.hpp"
-#include "lumora/hooks/toml_text_edits.hpp"
+#include "lumora/hooks/json_text_edits.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace lumora;
+    using Json = JSONConfigFile::Json;
     std::string_view bytes(reinterpret_cast<const char*>(data), size);
     auto contents = JSONConfigFile::parse(bytes);
     auto object = contents.mergeable();
-    if (contents.kind == JSONConfigFile::Contents::Kind::unreadable && object) __builtin_trap();
-    if (object) {
-        EventSpec spec{"Stop", std::string("*"), "done", 5};
-        std::vector<std::pair<std::string, JSONConfigFile::Json>> groups = {
-            {"Stop", HookConfigEdits::groupFor(spec, "\"/usr/bin/python3\" \"/h/.claude/lumora/notch-hook.py\" done")}};
-        JSONConfigFile::Json edited = *object;
-        if (HookConfigEdits::setOurGroups(edited, "lumora/notch-hook", groups)) {
-            HookConfigEdits::removeOurGroups(edited, "lumora/notch-hook");
-            (void)JSONConfigFile::serialise(edited, {contents.text});
-        }
+    if (contents.kind == JSONConfigFile::Contents::Kind::unreadable && (object || contents.why.empty())) __builtin_trap();
+    if (!object) return 0;
+
+    const std::string needle = "lumora/notch-hook";
+    auto ours = [&](const Json& group) { return HookConfigEdits::groupUses(group, needle); };
+    EventSpec spec{"Stop", std::string("*"), "done", 5};
+    std::vector<std::pair<std::string, Json>> groups = {
+        {"Stop", HookConfigEdits::groupFor(spec, "\"/usr/bin/python3\" \"/h/.claude/lumora/notch-hook.py\" done")}};
+    Json edited = *object;
+    if (HookConfigEdits::setOurGroups(edited, needle, groups)) {
+        std::string installed = JSONConfigFile::serialise(edited, {contents.text});
+        Json removed = edited;
+        HookConfigEdits::removeOurGroups(removed, needle);
+        auto cut = JsonTextEdits::removingEntries(installed, ours, removed, JSONConfigFile::kMaxDepth);
+        if (!cut) __builtin_trap();  // our own serialisation can always be cut
     }
-    std::string text(bytes);
-    std::string header = "[hooks.state.\"/h/.codex/hooks.json:stop:0:0\"]";
-    std::string added = TomlTextEdits::setKey(text, header, "trusted_hash", "\"sha256:00\"");
-    std::string removed = TomlTextEdits::removeKey(added, header, "trusted_hash");
-    (void)TomlTextEdits::isValid(removed);
-    (void)KimiHooks::removingManagedSection(text);
+    // Cutting straight from the user's text: when it succeeds, it is the same edit.
+    Json removed = *object;
+    HookConfigEdits::removeOurGroups(removed, needle);
+    if (auto cut = JsonTextEdits::removingEntries(contents.text, ours, removed, JSONConfigFile::kMaxDepth)) {
+        auto again = JSONConfigFile::parse(*cut);
+        if (again.kind != JSONConfigFile::Contents::Kind::object || again.object != removed) __builtin_trap();
+    }
     return 0;
 }

@@ -17,6 +17,9 @@ SOURCE = "kimi"
 PERMISSION_WORDS = ("permission", "approval", "approve")
 QUESTION_WORDS = ("question", "waiting for your", "needs your", "waiting for input")
 DETAIL_KEYS = ("message", "title", "text", "body", "notification")
+# The fields that carry what the notification says; paths, ids and the rest
+# of the payload never decide its kind.
+MESSAGE_KEYS = DETAIL_KEYS + ("notification_type", "type", "kind", "reason", "summary")
 
 
 def home():
@@ -71,16 +74,28 @@ def read_input():
     return data if isinstance(data, dict) else None
 
 
-def strings(value, depth=0):
-    """Every string in the payload, at most three levels deep."""
-    if isinstance(value, str):
-        yield value
-    elif depth < 3 and isinstance(value, dict):
-        for item in value.values():
-            yield from strings(item, depth + 1)
-    elif depth < 3 and isinstance(value, list):
+def message_strings(value, depth=0):
+    """The strings under the message fields, at most three levels deep."""
+    if depth >= 3:
+        return
+    if isinstance(value, dict):
+        for key, item in value.items():
+            if isinstance(item, str):
+                if key in MESSAGE_KEYS:
+                    yield item
+            else:
+                yield from message_strings(item, depth + 1)
+    elif isinstance(value, list):
         for item in value:
-            yield from strings(item, depth + 1)
+            yield from message_strings(item, depth + 1)
+
+
+def words(texts):
+    """The texts in lower case without the words that name files or folders."""
+    kept = []
+    for text in texts:
+        kept.extend(w for w in text.lower().split() if "/" not in w and "\\" not in w)
+    return " ".join(kept)
 
 
 def main():
@@ -101,7 +116,7 @@ def main():
         send(message)
         return
 
-    blob = " ".join(strings(data)).lower()
+    blob = words(message_strings(data))
     if any(word in blob for word in PERMISSION_WORDS):
         kind = "permission"
     elif any(word in blob for word in QUESTION_WORDS):

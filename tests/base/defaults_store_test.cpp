@@ -42,6 +42,47 @@ TEST(DefaultsStore, TypedValuesAndMissingKeys) {
     EXPECT_FALSE(store.contains("doneSoundName"));
     store.removeAll();
     EXPECT_TRUE(other.snapshot().empty());
+
+    // The uninstaller's wipe leaves nothing behind: no file, no lock file, no folder.
+    EXPECT_TRUE(store.erase());
+    EXPECT_FALSE(std::filesystem::exists(dir / "cfg"));
+    EXPECT_TRUE(other.snapshot().empty());
+}
+
+TEST(DefaultsStore, AFileThatCannotBeReadIsNeverReplaced) {
+    TempDir dir;
+    auto file = dir / "defaults.json";
+    const std::string settings = "{\"soundEnabled\": false, \"approvalRules.v1\": [{\"heads\": [\"git\"]}]}\n";
+    lumora::test::writeFile(file, settings);
+    lumora::test::asOtherUser(dir.path());
+    ::chmod(file.c_str(), 0);
+    int code = lumora::test::inChildAsOtherUser([&] {
+        DefaultsStore store(file);
+        if (store.contains("soundEnabled")) return 3;
+        lumora::Status s = store.setBool("hooksEnabled", true);
+        if (s) return 1;
+        return s.why == "can't read " + file.string() + ": Permission denied" ? 0 : 2;
+    });
+    EXPECT_EQ(code, 0);
+    ::chmod(file.c_str(), 0600);
+    EXPECT_EQ(lumora::test::readFile(file), settings);
+
+    // A FIFO in its place: refused at once, and still a FIFO.
+    auto fifo = dir / "fifo.json";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    DefaultsStore store(fifo);
+    EXPECT_FALSE(store.contains("x"));
+    EXPECT_EQ(store.setBool("x", true).why, "can't read " + fifo.string() + ": not a regular file");
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+
+    // Nested too deep to parse: set aside like any corrupt file, never parsed.
+    auto deep = dir / "deep.json";
+    std::string nested = "{\"a\": " + std::string(100000, '[') + std::string(100000, ']') + "}";
+    lumora::test::writeFile(deep, nested);
+    DefaultsStore deepStore(deep);
+    EXPECT_FALSE(deepStore.contains("a"));
+    EXPECT_TRUE(deepStore.setBool("x", true));
+    EXPECT_EQ(lumora::test::readFile(dir / "deep.json.corrupt"), nested);
 }
 
 TEST(DefaultsStore, CorruptFileReadsEmptyAndIsKeptOnTheNextWrite) {

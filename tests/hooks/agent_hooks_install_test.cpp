@@ -3,10 +3,15 @@
 #include <spdlog/spdlog.h>
 #include <spdlog/sinks/ostream_sink.h>
 
+#include <sys/stat.h>
+
+#include <set>
 #include <sstream>
 
+#include "hooks/fake_hook_server.hpp"
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/hooks/attention_hooks.hpp"
+#include "lumora/hooks/codex_config_edits.hpp"
 #include "lumora/hooks/codex_hooks.hpp"
 #include "lumora/hooks/cursor_hooks.hpp"
 #include "lumora/hooks/hook_installation.hpp"
@@ -14,6 +19,7 @@
 #include "lumora/hooks/opencode_hooks.hpp"
 #include "lumora/hooks/toml_text_edits.hpp"
 #include "lumora/hooks/uninstaller.hpp"
+#include "lumora/platform/child_process.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/python_locator.hpp"
 #include "support/test_support.hpp"
@@ -22,6 +28,8 @@ using namespace lumora;
 namespace fs = std::filesystem;
 using lumora::test::TempHome;
 using Json = nlohmann::ordered_json;
+namespace Trust = CodexConfigEdits;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -43,6 +51,39 @@ private:
 };
 
 std::string python() { return PythonLocator::interpreter()->string(); }
+
+bool hasSamples() { return fs::exists(test::samplesDir() / "codex/home/.codex/hooks.json"); }
+
+// The events Codex 0.169 offers hooks for.
+const std::vector<std::string> kCodexEvents = {"SessionStart", "UserPromptSubmit", "PreToolUse", "PermissionRequest",
+                                               "PostToolUse",  "Stop",             "SubagentStart", "SubagentStop",
+                                               "PreCompact",   "PostCompact",      "SessionEnd",    "Interrupt"};
+
+// A user's group in the shape Codex keeps them.
+Json userGroup(const std::string& event, const std::string& tag) {
+    Json group = {{"hooks", Json::array({{{"type", "command"},
+                                          {"command", "/usr/local/bin/hook-logger --event " + event + " " + tag},
+                                          {"timeout", event == "SessionEnd" || event == "Interrupt" ? 3 : 600}}})}};
+    if (event.find("ToolUse") != std::string::npos || event == "PermissionRequest") group["matcher"] = "*";
+    return group;
+}
+
+// config.toml with a trust entry for every user handler of `hooks`, where it stands.
+std::string trustingUsers(std::string config, const Json& hooks) {
+    for (const auto& h : Trust::handlers(hooks, CodexHooks::trustKeyPath(), "notch-codex-hook")) {
+        if (!h.ours) config = TomlTextEdits::setKey(config, Trust::trustHeader(h.key), "trusted_hash", "\"" + h.hash + "\"");
+    }
+    return config;
+}
+
+// Every handler of the user's (and, with `ours`, of ours) holds a matching trust entry.
+void expectTrusted(const std::string& step, bool ours = true) {
+    Json hooks = Json::parse(test::readFile(CodexHooks::hooksPath()));
+    std::string config = test::readFile(CodexHooks::configPath());
+    for (const auto& h : Trust::handlers(hooks, CodexHooks::trustKeyPath(), "notch-codex-hook")) {
+        if (!h.ours || ours) EXPECT_EQ(Trust::storedHash(config, h.key), h.hash) << step << ": " << h.key;
+    }
+}
 
 }  // namespace
 
@@ -68,12 +109,10 @@ TEST(CodexTrust, HashesMatchWhatCodexComputes) {
          "sha256:bc180acfd4f2f810bc8a21f49d8af17c02d6429739512626e67a57eb3c538310"},
     };
     for (const auto& v : vectors) {
-        EXPECT_EQ(CodexHooks::trustHash(v.event, Json::parse(v.group), Json::parse(v.handler)), v.hash) << v.handler;
+        EXPECT_EQ(Trust::trustHash(v.event, Json::parse(v.group), Json::parse(v.handler)), v.hash) << v.handler;
     }
-    EXPECT_EQ(CodexHooks::eventLabel("PermissionRequest"), "permission_request");
-    EXPECT_EQ(CodexHooks::eventLabel("UserPromptSubmit"), "user_prompt_submit");
-    EXPECT_EQ(CodexHooks::eventLabel("Stop"), "stop");
-
+    EXPECT_EQ(Trust::eventLabel("PermissionRequest"), "permission_request");
+    EXPECT_EQ(Trust::eventLabel("UserPromptSubmit"), "user_prompt_submit");
 }
 
 TEST(AttentionHooks, InstallKeepsOtherKeysAndGivesTheFileBackOnUninstall) {
@@ -99,6 +138,10 @@ TEST(AttentionHooks, InstallKeepsOtherKeysAndGivesTheFileBackOnUninstall) {
     EXPECT_EQ(settings["hooks"]["PermissionRequest"][0]["matcher"], "*");
     EXPECT_EQ(settings["hooks"]["PreToolUse"].size(), 2u);
     EXPECT_EQ(settings["hooks"]["Notification"][0]["matcher"], "idle_prompt");
+    // A question dismissed in the agent fails the tool: that clears the marker too.
+    EXPECT_EQ(settings["hooks"]["PostToolUseFailure"][0]["matcher"], "AskUserQuestion|ExitPlanMode");
+    EXPECT_EQ(settings["hooks"]["PostToolUseFailure"][0]["hooks"][0]["command"],
+              "\"" + python() + "\" \"" + (home / ".claude/lumora/notch-hook.py").string() + "\" clear");
     EXPECT_FALSE(settings["hooks"]["UserPromptSubmit"][0].contains("matcher"));
     auto mode = fs::status(AttentionHooks::programPath()).permissions();
     EXPECT_NE(mode & fs::perms::owner_exec, fs::perms::none);
@@ -117,6 +160,8 @@ TEST(AttentionHooks, InstallKeepsOtherKeysAndGivesTheFileBackOnUninstall) {
     EXPECT_FALSE(AttentionHooks::isInstalled());
     test::writeFile(AttentionHooks::programPath(), "#!/usr/bin/env python3\n# notch-cc-hook v80\n");
     EXPECT_FALSE(AttentionHooks::isInstalled());
+    test::writeFile(AttentionHooks::programPath(), "#!/usr/bin/env python3\n# notch-cc-hook v8\n# older text\n");
+    EXPECT_FALSE(AttentionHooks::isInstalled());
     ASSERT_TRUE(AttentionHooks::install());
     EXPECT_TRUE(AttentionHooks::isInstalled());
 
@@ -127,28 +172,85 @@ TEST(AttentionHooks, InstallKeepsOtherKeysAndGivesTheFileBackOnUninstall) {
 }
 
 TEST(AttentionHooks, UnreadableSettingsAreLeftAloneAndTheOthersStillInstall) {
-    for (const std::string bad : {"[\"array\"]", "{\n  // a comment\n  \"a\": 1\n}", "{\"hooks\": {", "{\"hooks\": 3}"}) {
+    auto nested = [](size_t depth) { return "{\"a\": " + std::string(depth, '[') + std::string(depth, ']') + "}"; };
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"[\"array\"]", "isn't valid JSON"},
+        {"{\n  // a comment\n  \"a\": 1\n}", "isn't valid JSON"},
+        {"{\"hooks\": {", "isn't valid JSON"},
+        {"{\"hooks\": 3}", "has an unexpected \"hooks\" entry"},
+        {nested(20000), "nests deeper than 256 levels"},
+        {nested(100000), "nests deeper than 256 levels"},
+    };
+    for (const auto& [bad, why] : cases) {
         TempHome home;
         fs::create_directories(home / ".cursor");
         test::writeFile(home / ".claude/settings.json", bad);
         LogCapture log;
         DefaultsStore defaults(home / "defaults.json");
-        auto outcomes = HookInstallation::enable(defaults);
+        auto report = HookInstallation::enable(defaults);
+        EXPECT_TRUE(HookInstallation::refreshAtStart(defaults).empty());  // no second try, no hang at start
         EXPECT_EQ(test::readFile(home / ".claude/settings.json"), bad);
         EXPECT_FALSE(fs::exists(home / ".claude/settings.json.notch-backup"));
-        EXPECT_EQ(outcomes[0].result, HookInstallation::Outcome::Result::failed);
-        EXPECT_EQ(outcomes[2].agent, "Cursor");
-        EXPECT_EQ(outcomes[2].result, HookInstallation::Outcome::Result::done);
-        EXPECT_EQ(outcomes[1].result, HookInstallation::Outcome::Result::skipped);  // no ~/.codex
+        ASSERT_EQ(report.outcomes.size(), 5u);
+        EXPECT_EQ(report.outcomes[0].result, HookInstallation::Outcome::Result::failed);
+        EXPECT_EQ(report.outcomes[0].why, "~/.claude/settings.json " + why + " — left alone");
+        EXPECT_EQ(report.outcomes[1].agent, "Cursor");
+        EXPECT_EQ(report.outcomes[1].result, HookInstallation::Outcome::Result::done);
+        EXPECT_EQ(report.outcomes[2].result, HookInstallation::Outcome::Result::skipped);  // no ~/.codex
+        EXPECT_FALSE(report.ok());
         EXPECT_TRUE(CursorHooks::isInstalled());
-        if (bad != "{\"hooks\": 3}") {
-            EXPECT_NE(log.text().find("Lumora: ~/.claude/settings.json isn't valid JSON — leaving it alone, hooks not "
-                                      "installed"),
-                      std::string::npos)
-                << log.text();
-        }
+        EXPECT_NE(log.text().find("Lumora: ~/.claude/settings.json " + why + " — leaving it alone, hooks not installed"),
+                  std::string::npos)
+            << log.text();
         EXPECT_TRUE(defaults.boolean("hooksEnabled").value_or(false));
+        EXPECT_EQ(AttentionHooks::uninstall().ok, bad == "{\"hooks\": 3}");  // that one holds nothing of ours
+        EXPECT_EQ(test::readFile(home / ".claude/settings.json"), bad);
     }
+}
+
+TEST(HookInstallation, RemovalCutsOurEntriesOutOfTheUsersOwnText) {
+    // Files the user edited after our install, in layouts no serialiser writes: only our entries go.
+    TempHome home;
+    const std::string ours = "{\"hooks\": [{\"type\": \"command\", \"command\": \"\\\"/usr/bin/python3\\\" "
+                             "\\\"/h/.claude/lumora/notch-hook.py\\\" busy\"}], \"matcher\": \"*\"}";
+    test::writeFile(AttentionHooks::settingsPath(),
+                    "{\n"
+                    "    \"permissions\": {\"allow\": [\"Bash(git *)\"]},\n"
+                    "    \"hooks\": {\n"
+                    "        \"PreToolUse\": [\n"
+                    "            {\"matcher\": \"Bash\", \"hooks\": [{\"type\": \"command\", \"command\": \"audit.sh\"}]},\n"
+                    "            " + ours + ",\n"
+                    "            {\"matcher\": \"Edit\", \"hooks\": [{\"type\": \"command\", \"command\": \"fmt.sh\"}]}\n"
+                    "        ],\n"
+                    "        \"Stop\": [ " + ours + " ]\n"
+                    "    },\n"
+                    "    \"env\": {\"A\": \"1\"}\n"
+                    "}\n");
+    ASSERT_TRUE(AttentionHooks::uninstall());
+    EXPECT_EQ(test::readFile(AttentionHooks::settingsPath()),
+              "{\n"
+              "    \"permissions\": {\"allow\": [\"Bash(git *)\"]},\n"
+              "    \"hooks\": {\n"
+              "        \"PreToolUse\": [\n"
+              "            {\"matcher\": \"Bash\", \"hooks\": [{\"type\": \"command\", \"command\": \"audit.sh\"}]},\n"
+              "            {\"matcher\": \"Edit\", \"hooks\": [{\"type\": \"command\", \"command\": \"fmt.sh\"}]}\n"
+              "        ]\n"
+              "    },\n"
+              "    \"env\": {\"A\": \"1\"}\n"
+              "}\n");
+
+    // Cursor's file on one line, and Codex's with CRLF line ends.
+    test::writeFile(CursorHooks::hooksPath(),
+                    "{\"version\": 1, \"hooks\": {\"stop\": [{\"command\": \"./audit.sh\"}, {\"command\": \"python3 "
+                    "/x/notch-cursor-hook.py\"}], \"afterFileEdit\": [{\"command\": \"python3 /x/notch-cursor-hook.py\"}]}}");
+    ASSERT_TRUE(CursorHooks::uninstall());
+    EXPECT_EQ(test::readFile(CursorHooks::hooksPath()), "{\"version\": 1, \"hooks\": {\"stop\": [{\"command\": \"./audit.sh\"}]}}");
+    test::writeFile(CodexHooks::hooksPath(),
+                    "{\r\n\t\"hooks\": {\r\n\t\t\"Stop\": [\r\n\t\t\t{\"hooks\": [{\"command\": \"/x/notch-codex-hook.py clear\"}]},\r\n"
+                    "\t\t\t{\"hooks\": [{\"command\": \"say done\"}]}\r\n\t\t]\r\n\t}\r\n}\r\n");
+    ASSERT_TRUE(CodexHooks::uninstall());
+    EXPECT_EQ(test::readFile(CodexHooks::hooksPath()),
+              "{\r\n\t\"hooks\": {\r\n\t\t\"Stop\": [\r\n\t\t\t{\"hooks\": [{\"command\": \"say done\"}]}\r\n\t\t]\r\n\t}\r\n}\r\n");
 }
 
 TEST(AttentionHooks, ALinkedSettingsFileStaysALink) {
@@ -169,10 +271,17 @@ TEST(CodexHooks, InstallWritesGroupsTrustEntriesAndTheFlagAndRemovesExactlyThose
     TempHome home;
     fs::path codex = home / ".codex";
     fs::create_directories(codex);
-    fs::copy_file(test::samplesDir() / "codex/home/.codex/hooks.json", codex / "hooks.json");
-    fs::copy_file(test::samplesDir() / "codex/home/.codex/config.toml", codex / "config.toml");
-    fs::permissions(codex / "hooks.json", fs::perms::owner_read | fs::perms::owner_write);
-    fs::permissions(codex / "config.toml", fs::perms::owner_read | fs::perms::owner_write);
+    if (hasSamples()) {
+        fs::copy_file(test::samplesDir() / "codex/home/.codex/hooks.json", codex / "hooks.json");
+        fs::copy_file(test::samplesDir() / "codex/home/.codex/config.toml", codex / "config.toml");
+        fs::permissions(codex / "hooks.json", fs::perms::owner_read | fs::perms::owner_write);
+        fs::permissions(codex / "config.toml", fs::perms::owner_read | fs::perms::owner_write);
+    } else {  // the same shape: a trusted user group in every event
+        Json hooks = {{"hooks", Json::object()}};
+        for (const auto& e : kCodexEvents) hooks["hooks"][e] = Json::array({userGroup(e, "a")});
+        test::writeFile(codex / "hooks.json", hooks.dump(2));
+        test::writeFile(codex / "config.toml", trustingUsers("model = \"m\"\n\n[hooks.state]\n", hooks));
+    }
     std::string hooksBefore = test::readFile(codex / "hooks.json");
     std::string configBefore = test::readFile(codex / "config.toml");
 
@@ -183,15 +292,19 @@ TEST(CodexHooks, InstallWritesGroupsTrustEntriesAndTheFlagAndRemovesExactlyThose
     ASSERT_EQ(hooks["hooks"]["PermissionRequest"].size(), 2u);
     const Json& ours = hooks["hooks"]["PermissionRequest"][1];
     EXPECT_EQ(ours["hooks"][0]["command"], "\"" + python() + "\" \"" + (codex / "notch-codex-hook.py").string() + "\" gate");
+    EXPECT_EQ(hooks["hooks"]["Interrupt"][1]["hooks"][0]["command"],
+              "\"" + python() + "\" \"" + (codex / "notch-codex-hook.py").string() + "\" clear");
     std::string config = test::readFile(codex / "config.toml");
     std::string key = (home / ".codex/hooks.json").string() + ":permission_request:1:0";
-    EXPECT_EQ(TomlTextEdits::keyValue(config, CodexHooks::trustHeader(key), "trusted_hash"),
-              "\"" + CodexHooks::trustHash("PermissionRequest", ours, ours["hooks"][0]) + "\"");
+    EXPECT_EQ(TomlTextEdits::keyValue(config, Trust::trustHeader(key), "trusted_hash"),
+              "\"" + Trust::trustHash("PermissionRequest", ours, ours["hooks"][0]) + "\"");
     EXPECT_NE(config.find("\n[features]\nhooks = true  # managed by Lumora\n"), std::string::npos);
     EXPECT_EQ(config.rfind(configBefore, 0), 0u);  // everything the user had comes first, unchanged
     ASSERT_EQ(CodexHooks::configBackups().size(), 1u);
     EXPECT_EQ(test::readFile(CodexHooks::configBackups()[0]), configBefore);
     EXPECT_TRUE(TomlTextEdits::isValid(config));
+    auto name = CodexHooks::datedBackupPath(std::chrono::system_clock::time_point(std::chrono::seconds(1782864000)));
+    EXPECT_EQ(name.filename(), "config.toml.notch-backup-2026-07-01T00-00-00Z");
 
     // Installing again changes nothing and takes no new backup.
     ASSERT_TRUE(CodexHooks::install());
@@ -199,12 +312,12 @@ TEST(CodexHooks, InstallWritesGroupsTrustEntriesAndTheFlagAndRemovesExactlyThose
     EXPECT_EQ(CodexHooks::configBackups().size(), 1u);
 
     // A tampered or missing trust entry means "not installed", and says why.
-    test::writeFile(codex / "config.toml", TomlTextEdits::setKey(config, CodexHooks::trustHeader(key), "trusted_hash",
+    test::writeFile(codex / "config.toml", TomlTextEdits::setKey(config, Trust::trustHeader(key), "trusted_hash",
                                                                  "\"sha256:00\""));
     EXPECT_FALSE(CodexHooks::isInstalled());
     ASSERT_TRUE(CodexHooks::trustProblem());
-    EXPECT_NE(CodexHooks::trustProblem()->find("1 of our 3 handlers"), std::string::npos);
-    test::writeFile(codex / "config.toml", TomlTextEdits::removeKey(config, CodexHooks::trustHeader(key), "trusted_hash"));
+    EXPECT_NE(CodexHooks::trustProblem()->find("1 of our 4 handlers"), std::string::npos);
+    test::writeFile(codex / "config.toml", TomlTextEdits::removeKey(config, Trust::trustHeader(key), "trusted_hash"));
     EXPECT_FALSE(CodexHooks::isInstalled());
     ASSERT_TRUE(CodexHooks::install());
     EXPECT_TRUE(CodexHooks::isInstalled());
@@ -215,28 +328,90 @@ TEST(CodexHooks, InstallWritesGroupsTrustEntriesAndTheFlagAndRemovesExactlyThose
     EXPECT_FALSE(CodexHooks::hasOurEntries());
 }
 
-TEST(CodexHooks, AUsersOwnFeatureFlagIsKeptAndNeverRemoved) {
+TEST(CodexHooks, TheUsersHooksStayTrustedWhateverHappensToOurs) {
     TempHome home;
-    fs::path codex = home / ".codex";
-    const std::string config = "model = \"m\"\n\n[features]\nhooks = true\nweb = false\n";
-    test::writeFile(codex / "config.toml", config);
-    EXPECT_EQ(CodexHooks::enablingFeatureFlag(config), config);
+    Json hooks = {{"hooks", Json::object()}};
+    for (const auto& e : kCodexEvents) hooks["hooks"][e] = Json::array({userGroup(e, "first")});
+    test::writeFile(CodexHooks::hooksPath(), hooks.dump(2));
+    test::writeFile(CodexHooks::configPath(), trustingUsers("model = \"m\"\n", hooks));
     ASSERT_TRUE(CodexHooks::install());
-    std::string installed = test::readFile(codex / "config.toml");
-    EXPECT_EQ(installed.find("managed by Lumora"), std::string::npos);
-    ASSERT_TRUE(CodexHooks::uninstall());
-    EXPECT_EQ(test::readFile(codex / "config.toml"), config);
-    EXPECT_FALSE(fs::exists(codex / "hooks.json"));  // we created it, so it goes
+    expectTrusted("install");
 
+    // The user adds a hook after ours in every event, and Codex trusts it where it stands.
+    hooks = Json::parse(test::readFile(CodexHooks::hooksPath()));
+    for (const auto& e : kCodexEvents) hooks["hooks"][e].push_back(userGroup(e, "second"));
+    // An older install left a second group of ours before the user's in one list.
+    Json stale = hooks["hooks"]["Stop"][1];
+    stale["hooks"][0]["command"] = "python3 /old/notch-codex-hook.py clear";
+    hooks["hooks"]["Stop"].insert(hooks["hooks"]["Stop"].begin(), stale);
+    test::writeFile(CodexHooks::hooksPath(), hooks.dump(2));
+    test::writeFile(CodexHooks::configPath(), trustingUsers(test::readFile(CodexHooks::configPath()), hooks));
+    expectTrusted("edited", false);
+
+    ASSERT_TRUE(CodexHooks::install());  // our groups move to the end: the user's move up
+    EXPECT_EQ(Json::parse(test::readFile(CodexHooks::hooksPath()))["hooks"]["Stop"].size(), 3u);
+    expectTrusted("reinstall");
+    EXPECT_TRUE(CodexHooks::isInstalled());
+    ASSERT_TRUE(CodexHooks::uninstall());  // ours go from between the user's
+    expectTrusted("uninstall");
+    std::string config = test::readFile(CodexHooks::configPath());
+    size_t entries = 0;
+    for (size_t at = 0; (at = config.find("[hooks.state.", at)) != std::string::npos; ++at) ++entries;
+    EXPECT_EQ(entries, 2 * kCodexEvents.size());  // the user's, and none of ours
+}
+
+TEST(CodexHooks, TheFeatureFlagGoesWhereverTheUserKeepsFeatures) {
+    struct Case {
+        std::string config;
+        std::string refusal;  // empty: installs
+    };
+    const std::vector<Case> cases = {
+        {"model = \"m\"\n", ""},
+        {"[tui]\nhooks = true\n", ""},                                  // another table's key is not the flag
+        {"notes = \"\"\"\n[features]\nhooks = true\n\"\"\"\n", ""},       // nor is text in a string
+        {"[features]\nweb = false\n", ""},
+        {"model = \"m\"\n\n[features]\nhooks = true\nweb = false\n", ""},  // the user's own flag: kept, never removed
+        {"features = { web = true } # mine\n\n[tui]\nx = 1\n", ""},
+        {"features = {}\n", ""},
+        {"model = \"m\"\nfeatures.web = true\nfeatures.note = \"\"\"\na\n\"\"\"\n\n[tui]\nx = 1\n", ""},
+        {"[features.sub]\nx = 1\n", ""},
+        {"model = \"m\"\r\n\r\n[features]\r\nweb = true\r\n", ""},
+        {"model = \"m\"\r\n", ""},
+        {"[features]\nhooks = false\n", "turns the hooks feature off"},
+        {"features = 3\n", "isn't a table"},
+        {"a = = 1\n", "isn't valid TOML"},
+    };
+    for (const auto& c : cases) {
+        TempHome home;
+        test::writeFile(CodexHooks::configPath(), c.config);
+        Status installed = CodexHooks::install();
+        if (!c.refusal.empty()) {
+            EXPECT_FALSE(installed) << c.config;
+            EXPECT_NE(installed.why.find(c.refusal), std::string::npos) << installed.why;
+            EXPECT_EQ(installed.why.rfind("~/.codex/config.toml ", 0), 0u) << installed.why;
+            EXPECT_EQ(test::readFile(CodexHooks::configPath()), c.config);
+            EXPECT_FALSE(fs::exists(CodexHooks::hooksPath()));
+            EXPECT_FALSE(fs::exists(CodexHooks::programPath()));
+            continue;
+        }
+        ASSERT_TRUE(installed) << c.config << installed.why;
+        std::string text = test::readFile(CodexHooks::configPath());
+        EXPECT_TRUE(Trust::featureOn(text)) << text;
+        EXPECT_TRUE(CodexHooks::isInstalled()) << text;
+        if (c.config.find('\r') != std::string::npos) {
+            for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos; ++at) {
+                EXPECT_EQ(text[at - 1], '\r') << text;
+            }
+        }
+        if (c.config.find("hooks = true\nweb") != std::string::npos) EXPECT_EQ(text.find("managed by Lumora"), std::string::npos);
+        ASSERT_TRUE(CodexHooks::uninstall());
+        EXPECT_EQ(test::readFile(CodexHooks::configPath()), c.config);
+        EXPECT_FALSE(fs::exists(CodexHooks::hooksPath()));  // we created it, so it goes
+    }
     // Our line under the user's [features] table goes; the table and its other keys stay.
-    const std::string table = "[features]\nweb = false\n";
-    std::string flagged = CodexHooks::enablingFeatureFlag(table);
-    EXPECT_EQ(flagged, "[features]\nhooks = true  # managed by Lumora\nweb = false\n");
-    EXPECT_EQ(CodexHooks::disablingFeatureFlag(flagged, true), table);
-    EXPECT_EQ(CodexHooks::disablingFeatureFlag("[features]\nhooks = true\n", true), "[features]\nhooks = true\n");
-
-    auto name = CodexHooks::datedBackupPath(std::chrono::system_clock::time_point(std::chrono::seconds(1782864000)));
-    EXPECT_EQ(name.filename(), "config.toml.notch-backup-2026-07-01T00-00-00Z");
+    EXPECT_EQ(Trust::disablingFeatureFlag("[features]\nhooks = true  # managed by Lumora\nweb = false\n", true),
+              "[features]\nweb = false\n");
+    EXPECT_EQ(Trust::disablingFeatureFlag("[features]\nhooks = true\n", true), "[features]\nhooks = true\n");
 }
 
 TEST(CodexHooks, UnreadableFilesAreLeftAlone) {
@@ -244,17 +419,20 @@ TEST(CodexHooks, UnreadableFilesAreLeftAlone) {
     test::writeFile(home / ".codex/hooks.json", "{\"hooks\": {\"Stop\": [}");
     test::writeFile(home / ".codex/config.toml", "a = 1\n");
     LogCapture log;
-    EXPECT_FALSE(CodexHooks::install());
+    EXPECT_EQ(CodexHooks::install().why, "~/.codex/hooks.json isn't valid JSON — left alone");
     EXPECT_NE(log.text().find("Lumora: ~/.codex/hooks.json isn't valid JSON — leaving it alone, hooks not installed"),
               std::string::npos);
     EXPECT_EQ(test::readFile(home / ".codex/config.toml"), "a = 1\n");
     EXPECT_FALSE(fs::exists(home / ".codex/notch-codex-hook.py"));
 
+    // A folder or a FIFO where config.toml should be: refused at once, never waited on.
     test::writeFile(home / ".codex/hooks.json", "{}");
-    test::writeFile(home / ".codex/config.toml", "a = = 1\n");
-    EXPECT_FALSE(CodexHooks::install());
+    fs::remove(home / ".codex/config.toml");
+    ASSERT_EQ(::mkfifo((home / ".codex/config.toml").c_str(), 0600), 0);
+    EXPECT_EQ(CodexHooks::install().why, "~/.codex/config.toml can't be read (not a regular file) — left alone");
+    EXPECT_FALSE(CodexHooks::uninstall());
     EXPECT_EQ(test::readFile(home / ".codex/hooks.json"), "{}");
-    EXPECT_EQ(test::readFile(home / ".codex/config.toml"), "a = = 1\n");
+    EXPECT_TRUE(fs::is_fifo(home / ".codex/config.toml"));
 }
 
 TEST(CursorHooks, OneEntryPerEventNextToTheUsersOwn) {
@@ -303,6 +481,16 @@ TEST(KimiHooks, TheManagedSectionIsRebuiltAndRemoved) {
     EXPECT_EQ(test::readFile(home / ".kimi-code/config.toml.notch-backup"), original);
     ASSERT_TRUE(KimiHooks::uninstall());
     EXPECT_EQ(test::readFile(KimiHooks::configPath()), original);
+
+    // A file written with CRLF keeps CRLF while our section is in it.
+    const std::string crlf = "default_model = \"kimi\"\r\n";
+    test::writeFile(KimiHooks::configPath(), crlf);
+    ASSERT_TRUE(KimiHooks::install());
+    text = test::readFile(KimiHooks::configPath());
+    for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos; ++at) EXPECT_EQ(text[at - 1], '\r');
+    EXPECT_TRUE(KimiHooks::isInstalled());
+    ASSERT_TRUE(KimiHooks::uninstall());
+    EXPECT_EQ(test::readFile(KimiHooks::configPath()), crlf);
 }
 
 TEST(OpenCodeHooks, ThePluginCarriesTheSocketPathAndItsMarker) {
@@ -322,6 +510,11 @@ TEST(OpenCodeHooks, ThePluginCarriesTheSocketPathAndItsMarker) {
     EXPECT_FALSE(OpenCodeHooks::isInstalled());
     ASSERT_TRUE(OpenCodeHooks::uninstall());
     EXPECT_FALSE(fs::exists(OpenCodeHooks::pluginPath()));
+    // Something that is not a file where the plugin goes is left as it is.
+    fs::create_directories(OpenCodeHooks::pluginPath());
+    EXPECT_EQ(OpenCodeHooks::install().why,
+              "~/.config/opencode/plugins/lumora.js can't be read (a folder, not a file) — left alone");
+    EXPECT_TRUE(fs::is_directory(OpenCodeHooks::pluginPath()));
 }
 
 TEST(HookInstallation, StartUpRefreshesOnlyStaleInstallsAndOnlyWhenEnabled) {
@@ -344,43 +537,85 @@ TEST(HookInstallation, StartUpRefreshesOnlyStaleInstallsAndOnlyWhenEnabled) {
         << report.str();
     EXPECT_NE(report.str().find("Codex: present no, installed no, current no\n"), std::string::npos);
 
-    auto outcomes = HookInstallation::disable(defaults);
+    auto off = HookInstallation::disable(defaults);
+    EXPECT_TRUE(off.ok());
     EXPECT_FALSE(defaults.boolean("hooksEnabled").value_or(true));
-    EXPECT_EQ(outcomes[0].result, HookInstallation::Outcome::Result::done);
+    EXPECT_EQ(off.outcomes[0].result, HookInstallation::Outcome::Result::done);
     EXPECT_FALSE(AttentionHooks::hasOurEntries());
     EXPECT_FALSE(KimiHooks::hasOurEntries());
+}
+
+TEST(HookInstallation, TheInstalledHooksReportADismissedQuestion) {
+    // Esc on a question: Claude Code fails the tool, Codex fires Interrupt; neither sends a result or Stop.
+    TempHome home;
+    fs::create_directories(home / ".claude");
+    fs::create_directories(home / ".codex");
+    ASSERT_TRUE(AttentionHooks::install());
+    ASSERT_TRUE(CodexHooks::install());
+    test::FakeHookServer server(home / "s.sock");
+    ASSERT_TRUE(server.start());
+    auto runInstalled = [&](const fs::path& file, const std::string& event, const std::string& matcher, const Json& input) {
+        Json config = Json::parse(test::readFile(file));
+        for (const auto& group : config["hooks"][event]) {
+            if (group.value("matcher", "") != matcher) continue;
+            std::string command = group["hooks"][0]["command"];
+            auto child = ChildProcess::spawn({"/bin/sh", "-c", command}, input.dump(),
+                                             {{"LUMORA_SOCKET", (home / "s.sock").string()}});
+            ASSERT_TRUE(child && child->wait(10s)) << command;
+        }
+    };
+    Json failed = {{"session_id", "cc-1"}, {"hook_event_name", "PostToolUseFailure"}, {"tool_name", "AskUserQuestion"},
+                   {"error", "The user doesn't want to proceed with this tool use."}, {"cwd", "/w"}};
+    runInstalled(AttentionHooks::settingsPath(), "PostToolUseFailure", "AskUserQuestion|ExitPlanMode", failed);
+    runInstalled(AttentionHooks::settingsPath(), "PostToolUseFailure", "*", failed);
+    Json interrupt = {{"session_id", "cx-1"}, {"turn_id", "t"}, {"hook_event_name", "Interrupt"}, {"cwd", "/w"}};
+    runInstalled(CodexHooks::hooksPath(), "Interrupt", "", interrupt);
+    ASSERT_TRUE(server.waitForLines(3));
+    auto lines = server.lines();
+    std::set<std::tuple<std::string, std::string, std::string>> sent;
+    for (const auto& l : lines) {
+        sent.insert({l["source"].get<std::string>(), l["session_id"].get<std::string>(), l["action"].get<std::string>()});
+    }
+    EXPECT_EQ(sent, (std::set<std::tuple<std::string, std::string, std::string>>{
+                        {"claude", "cc-1", "clear"}, {"claude", "cc-1", "busydone"}, {"codex", "cx-1", "clear"}}));
 }
 
 TEST(Uninstaller, DryRunTouchesNothingAndTheRealRunRemovesEverything) {
     TempHome home;
     for (const char* d : {".claude", ".codex", ".cursor", ".kimi-code", ".config/opencode"}) fs::create_directories(home / d);
     test::writeFile(home / ".claude/settings.json", "{\n  \"permissions\": {}\n}\n");
+    test::writeFile(home / ".cursor/hooks.json", "{\"version\": 1}");
     test::writeFile(home / ".codex/config.toml", "model = \"m\"\n");
-    DefaultsStore defaults(home / "defaults.json");
-    HookInstallation::enable(defaults);
+    test::writeFile(home / ".kimi-code/config.toml", "default_model = \"k\"\n");
+    DefaultsStore defaults(Paths::defaultsFile());
+    ASSERT_TRUE(HookInstallation::enable(defaults).ok());
     fs::create_directories(Paths::supportFolder());
     test::writeFile(Paths::supportFolder() / "hook-state.json", "{}");
 
     auto snapshot = [&] {
         std::map<std::string, std::string> files;
         for (const auto& e : fs::recursive_directory_iterator(home.path())) {
-            if (e.is_regular_file()) files[e.path().string()] = test::readFile(e.path());
+            files[e.path().string()] = e.is_regular_file() ? test::readFile(e.path()) : "";
         }
         return files;
     };
     auto before = snapshot();
+    EXPECT_TRUE(before.count(Paths::defaultsFile().string() + ".lock"));
     std::ostringstream dry;
     auto steps = Uninstaller::run(true, dry, &defaults);
     EXPECT_EQ(snapshot(), before);
     EXPECT_EQ(dry.str().rfind("Lumora uninstall — DRY RUN (nothing will be touched)\n", 0), 0u);
-    ASSERT_GE(steps.size(), 14u);
+    ASSERT_EQ(steps.size(), 15u);
     EXPECT_EQ(steps[0].name, "Claude Code hook config (~/.claude/settings.json)");
     for (const auto& s : steps) {
         bool linuxOnly = s.name == "Login item" || s.name.rfind("Automation", 0) == 0;
         EXPECT_EQ(s.outcome, linuxOnly ? Uninstaller::Outcome::notPresent : Uninstaller::Outcome::wouldRemove) << s.name;
     }
-    EXPECT_NE(dry.str().find("  would remove  Codex hook config (~/.codex/hooks.json + config.toml)\n"),
-              std::string::npos);
+    for (const char* line : {"  would remove  Codex hook config (~/.codex/hooks.json + config.toml)\n",
+                             "  would remove  config backups (*.notch-backup)\n",
+                             "  would remove  User defaults (~/.config/lumora/defaults.json and its lock file)\n"}) {
+        EXPECT_NE(dry.str().find(line), std::string::npos) << dry.str();
+    }
 
     std::ostringstream real;
     steps = Uninstaller::run(false, real, &defaults);
@@ -388,38 +623,23 @@ TEST(Uninstaller, DryRunTouchesNothingAndTheRealRunRemovesEverything) {
     EXPECT_NE(real.str().find("  done          Kimi bridge script\n"), std::string::npos);
     EXPECT_NE(real.str().find("  not present   Login item\n"), std::string::npos);
     EXPECT_NE(real.str().find("UserDefaults wiped.\n"), std::string::npos);
-    EXPECT_EQ(test::readFile(home / ".claude/settings.json"), "{\n  \"permissions\": {}\n}\n");
-    EXPECT_FALSE(fs::exists(home / ".claude/lumora"));
-    EXPECT_FALSE(fs::exists(Paths::supportFolder()));
-    EXPECT_FALSE(fs::exists(OpenCodeHooks::pluginPath()));
-    EXPECT_TRUE(CodexHooks::configBackups().empty());
-    EXPECT_EQ(test::readFile(home / ".codex/config.toml"), "model = \"m\"\n");
-    EXPECT_FALSE(defaults.contains("hooksEnabled"));
     for (const auto& s : steps) EXPECT_NE(s.outcome, Uninstaller::Outcome::failed) << s.name;
-}
-
-TEST(HooksCommandLine, FlagsRunThroughTheBinary) {
-    TempHome home;
-    fs::create_directories(home / ".claude");
-    std::string env = "HOME='" + home.path().string() + "' XDG_DATA_HOME='" + (home / ".local/share").string() +
-                      "' XDG_CONFIG_HOME='" + (home / ".config").string() + "' ";
-    std::string bin = "'" + test::lumoraBinary().string() + "'";
-    auto r = test::runCommand(env + bin + " --hooks-enable 2>&1");
-    EXPECT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("Claude Code: installed\n"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find("Codex: not found on this machine, skipped\n"), std::string::npos);
-    EXPECT_TRUE(AttentionHooks::isInstalled());
-    r = test::runCommand(env + bin + " --hook-config-test 2>&1");
-    EXPECT_NE(r.output.find("Claude Code: present yes, installed yes, current yes"), std::string::npos) << r.output;
-    r = test::runCommand(env + bin + " --dry-run 2>&1");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.output, "lumora: --dry-run goes with --uninstall\n");
-    r = test::runCommand(env + bin + " --uninstall --dry-run 2>&1");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(AttentionHooks::isInstalled());
-    r = test::runCommand(env + bin + " --hooks-disable 2>&1");
-    EXPECT_EQ(r.status, 0) << r.output;
-    EXPECT_FALSE(AttentionHooks::hasOurEntries());
+    // The user's files, as they were; nothing of ours anywhere.
+    auto after = snapshot();
+    std::map<std::string, std::string> expected = {
+        {(home / ".claude/settings.json").string(), "{\n  \"permissions\": {}\n}\n"},
+        {(home / ".cursor/hooks.json").string(), "{\"version\": 1}"},
+        {(home / ".codex/config.toml").string(), "model = \"m\"\n"},
+        {(home / ".kimi-code/config.toml").string(), "default_model = \"k\"\n"},
+    };
+    for (const auto& [path, text] : after) {
+        if (fs::is_directory(path)) continue;
+        EXPECT_EQ(expected.count(path), 1u) << "left behind: " << path;
+        if (expected.count(path)) EXPECT_EQ(text, expected[path]);
+    }
+    EXPECT_FALSE(fs::exists(Paths::defaultsFile().parent_path()));
+    EXPECT_FALSE(fs::exists(Paths::supportFolder()));
+    EXPECT_FALSE(defaults.contains("hooksEnabled"));
 }
 
 TEST(PythonLocator, TheFirstCandidateThatPassesTheProbeWins) {

@@ -1,5 +1,6 @@
 // JSONConfigFile and the TOML line edits the installers build on.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "lumora/hooks/json_config_file.hpp"
 #include "lumora/hooks/toml_text_edits.hpp"
@@ -32,8 +33,16 @@ TEST(JSONConfigFile, LoadTellsMissingObjectAndUnreadableApart) {
         EXPECT_EQ(c.kind, Kind::unreadable) << bad;
         EXPECT_FALSE(c.mergeable()) << bad;
     }
+    // What is not a regular file is refused at once and says so; nothing is written over it.
     std::filesystem::create_directories(dir / "folder.json");
-    EXPECT_EQ(JSONConfigFile::load(dir / "folder.json").kind, Kind::unreadable);
+    ASSERT_EQ(::mkfifo((dir / "fifo.json").c_str(), 0600), 0);
+    EXPECT_EQ(JSONConfigFile::load(dir / "folder.json").why, "can't be read (a folder, not a file)");
+    EXPECT_EQ(JSONConfigFile::load(dir / "fifo.json").why, "can't be read (not a regular file)");
+    EXPECT_FALSE(JSONConfigFile::write(JSONConfigFile::Json::object(), dir / "fifo.json"));
+    EXPECT_TRUE(fs::is_fifo(dir / "fifo.json"));
+    auto deep = load("{\"a\": " + std::string(300, '[') + std::string(300, ']') + "}");
+    EXPECT_EQ(deep.kind, Kind::unreadable);
+    EXPECT_EQ(deep.why, "nests deeper than 256 levels");
 }
 
 TEST(JSONConfigFile, WriteKeepsLayoutBacksUpAndSkipsIdenticalWrites) {
@@ -61,6 +70,8 @@ TEST(JSONConfigFile, WriteKeepsLayoutBacksUpAndSkipsIdenticalWrites) {
     ASSERT_TRUE(JSONConfigFile::write(c.object, file, {c.text}));
     EXPECT_EQ(test::readFile(file), "{\n    \"k\": [\n        1\n    ],\n    \"n\": true\n}");
     EXPECT_EQ(test::readFile(JSONConfigFile::backupURL(file)), fourSpaces);
+    EXPECT_EQ(JSONConfigFile::serialise(c.object, {"{\r\n\t\"k\": 1\r\n}\r\n"}),
+              "{\r\n\t\"k\": [\r\n\t\t1\r\n\t],\r\n\t\"n\": true\r\n}\r\n");
 
     // A symbolic link stays a link; its target gets the new contents.
     fs::path target = dir / "dotfiles" / "real.json";
@@ -101,4 +112,10 @@ TEST(TomlTextEdits, AddAndRemoveGiveBackTheSameBytes) {
     std::string shared = header + "\ntrusted_hash = \"h\"\nenabled = true\n";
     EXPECT_EQ(T::removeKey(shared, header, "trusted_hash"), header + "\nenabled = true\n");
     EXPECT_FALSE(T::isValid("a = \n"));
+
+    // What we add to a CRLF file ends in CRLF; a replaced line keeps its own ending.
+    std::string crlf = T::setKey("a = 1\r\n", header, "trusted_hash", "\"h\"");
+    EXPECT_EQ(crlf, "a = 1\r\n\r\n" + header + "\r\ntrusted_hash = \"h\"\r\n");
+    EXPECT_EQ(T::setKey(crlf, header, "trusted_hash", "\"g\""), "a = 1\r\n\r\n" + header + "\r\ntrusted_hash = \"g\"\r\n");
+    EXPECT_EQ(T::removeKey(crlf, header, "trusted_hash"), "a = 1\r\n");
 }

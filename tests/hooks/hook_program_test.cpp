@@ -304,7 +304,11 @@ TEST_F(HookPrograms, KimiClassifiesNotifications) {
         Json({{"session_id", "session_1"}, {"data", {{"text", "Kimi is Waiting for your answer"}}}, {"body", "Pick one"}}));
     run("notch-kimi-hook.py", "notify", Json({{"session_id", "session_1"}, {"zeta", "done"}, {"alpha", 1}}));
     run("notch-kimi-hook.py", "clear", Json({{"session_id", "session_1"}}));
-    ASSERT_TRUE(server_->waitForLines(4));
+    // Paths and other fields never decide: a project called approval-service finishing a task is no prompt.
+    run("notch-kimi-hook.py", "notify",
+        Json({{"session_id", "session_1"}, {"cwd", "/home/u/approval-service"}, {"title", "Task finished"},
+              {"message", "Done in /home/u/approval-service/question-bank"}, {"transcript_path", "/k/permission.jsonl"}}));
+    ASSERT_TRUE(server_->waitForLines(5));
     auto lines = server_->lines();
     EXPECT_EQ(lines[0]["action"], "marker");
     EXPECT_EQ(lines[0]["kind"], "permission");
@@ -314,6 +318,7 @@ TEST_F(HookPrograms, KimiClassifiesNotifications) {
     EXPECT_EQ(lines[2]["action"], "observe");
     EXPECT_EQ(lines[2]["detail"], "alpha,session_id,zeta");
     EXPECT_EQ(lines[3]["action"], "clear");
+    EXPECT_EQ(lines[4]["action"], "observe");
     for (const auto& l : lines) EXPECT_EQ(l["source"], "kimi");
 }
 

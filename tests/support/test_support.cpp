@@ -1,11 +1,13 @@
 #include "support/test_support.hpp"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -93,6 +95,44 @@ CommandResult runCommand(const std::string& command) {
     int status = ::pclose(pipe);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
+}
+
+namespace {
+constexpr uid_t kNobody = 65534;
+
+void becomeNobody() {
+    if (::geteuid() != 0) return;
+    if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) ::_exit(125);
+}
+}  // namespace
+
+std::string asOtherUser(const fs::path& folder) {
+    if (::geteuid() != 0) return "";
+    std::error_code ec;
+    ::lchown(folder.c_str(), kNobody, kNobody);
+    for (auto it = fs::recursive_directory_iterator(folder, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec)) {
+        ::lchown(it->path().c_str(), kNobody, kNobody);
+    }
+    // The run's folders are private to root: let others pass through (not list) them.
+    fs::path root = fs::temp_directory_path();
+    for (fs::path p = folder.parent_path(); p.string().rfind(root.string(), 0) == 0 && p != root; p = p.parent_path()) {
+        fs::permissions(p, fs::perms::others_exec, fs::perm_options::add, ec);
+    }
+    return "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+}
+
+int inChildAsOtherUser(const std::function<int()>& body) {
+    pid_t child = ::fork();
+    if (child < 0) return -1;
+    if (child == 0) {
+        becomeNobody();
+        ::_exit(body());
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace lumora::test

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -64,5 +65,14 @@ struct CommandResult {
     std::string output;
 };
 CommandResult runCommand(const std::string& command);
+
+// File permissions do not bind root. When the tests run as root,
+// `asOtherUser` gives `folder` (and everything in it) to an unprivileged user,
+// lets that user reach it, and returns the prefix that runs a shell command as
+// that user ("setpriv …"); otherwise it returns "".
+std::string asOtherUser(const fs::path& folder);
+// Runs `body` in a forked child (as that unprivileged user when the tests run
+// as root) and returns its exit code; -1 when it did not exit normally.
+int inChildAsOtherUser(const std::function<int()>& body);
 
 }  // namespace lumora::test

@@ -45,10 +45,14 @@ int run(const Flags& f, std::ostream& out, std::ostream& err) {
     }
     if (f.selfTest) return HookSelfTest::runCommand(out, err);
 
-    auto outcomes = f.enable ? HookInstallation::enable(DefaultsStore::shared())
-                             : HookInstallation::disable(DefaultsStore::shared());
-    int code = 0;
-    for (const auto& o : outcomes) {
+    auto report = f.enable ? HookInstallation::enable(DefaultsStore::shared())
+                           : HookInstallation::disable(DefaultsStore::shared());
+    if (!report.setting) {
+        err << "lumora: hooks left " << (f.enable ? "off" : "on") << ": " << report.setting.why << "\n";
+        return 1;
+    }
+    std::vector<std::string> failed;
+    for (const auto& o : report.outcomes) {
         out << o.agent << ": ";
         switch (o.result) {
             case HookInstallation::Outcome::Result::done: out << (f.enable ? "installed" : "removed"); break;
@@ -56,14 +60,21 @@ int run(const Flags& f, std::ostream& out, std::ostream& err) {
                 out << (f.enable ? "not found on this machine, skipped" : "nothing of ours, left as it is");
                 break;
             case HookInstallation::Outcome::Result::failed:
-                out << "FAILED (see the message above)";
-                code = 1;
+                out << "FAILED — " << o.why;
+                failed.push_back(o.agent);
                 break;
         }
         out << "\n";
     }
-    out << (f.enable ? "Hooks enabled." : "Hooks disabled.") << "\n";
-    return code;
+    if (failed.empty()) {
+        out << (f.enable ? "Hooks enabled." : "Hooks disabled.") << "\n";
+        return 0;
+    }
+    std::string names;
+    for (const auto& name : failed) names += (names.empty() ? "" : ", ") + name;
+    out << (f.enable ? "Hooks are on, but not installed for: " : "Hooks are off, but our entries are still in: ")
+        << names << ".\n";
+    return 1;
 }
 
 void refreshAtStart() { HookInstallation::refreshAtStart(DefaultsStore::shared()); }

@@ -9,25 +9,30 @@
 #include <sstream>
 
 #include "lumora/base/file_util.hpp"
+#include "lumora/base/json_text.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora {
 
 namespace {
 
-// Reads and parses the file. `corrupt` is set when it exists, is not blank
-// and is not a JSON object.
-DefaultsStore::Json load(const std::filesystem::path& file, bool* corrupt = nullptr) {
-    if (corrupt) *corrupt = false;
-    auto text = FileUtil::readFile(file);
-    if (!text) return DefaultsStore::Json::object();
-    auto parsed = DefaultsStore::Json::parse(*text, nullptr, false);
-    if (parsed.is_discarded() || !parsed.is_object()) {
-        bool blank = text->find_first_not_of(" \t\r\n") == std::string::npos;
-        if (corrupt) *corrupt = !blank;
-        return DefaultsStore::Json::object();
-    }
-    return parsed;
+bool isBlank(const std::string& text) { return text.find_first_not_of(" \t\r\n") == std::string::npos; }
+
+// The file's object; an empty one for a blank file or one that is not a JSON object (`corrupt` then says
+// so). Nothing when the file exists but cannot be read: it may hold settings we must not lose.
+struct Loaded {
+    FileUtil::ReadResult read;
+    DefaultsStore::Json object = DefaultsStore::Json::object();
+    bool corrupt = false;
+};
+
+Loaded load(const std::filesystem::path& file) {
+    Loaded l{FileUtil::read(file)};
+    if (!l.read.ok() || isBlank(l.read.text)) return l;
+    auto parsed = JsonText::parse(l.read.text);
+    if (parsed && parsed->is_object()) l.object = std::move(*parsed);
+    else l.corrupt = true;
+    return l;
 }
 
 }  // namespace
@@ -42,7 +47,9 @@ DefaultsStore::DefaultsStore(std::filesystem::path file) : file_(std::move(file)
 void DefaultsStore::refreshIfChanged() const {
     auto now = FileStamp::of(file_);
     if (now == stamp_) return;
-    cache_ = load(file_);
+    auto loaded = load(file_);
+    // A file we cannot read now keeps the values we read last.
+    if (loaded.read.ok() || loaded.read.missing()) cache_ = std::move(loaded.object);
     stamp_ = now;
 }
 
@@ -100,21 +107,21 @@ std::optional<DefaultsStore::Json> DefaultsStore::dictionary(const std::string& 
     return v;
 }
 
-void DefaultsStore::setBool(const std::string& key, bool v) { setValue(key, Json(v)); }
-void DefaultsStore::setInteger(const std::string& key, int64_t v) { setValue(key, Json(v)); }
-void DefaultsStore::setReal(const std::string& key, double v) { setValue(key, Json(v)); }
-void DefaultsStore::setString(const std::string& key, const std::string& v) { setValue(key, Json(v)); }
+Status DefaultsStore::setBool(const std::string& key, bool v) { return setValue(key, Json(v)); }
+Status DefaultsStore::setInteger(const std::string& key, int64_t v) { return setValue(key, Json(v)); }
+Status DefaultsStore::setReal(const std::string& key, double v) { return setValue(key, Json(v)); }
+Status DefaultsStore::setString(const std::string& key, const std::string& v) { return setValue(key, Json(v)); }
 
-void DefaultsStore::setValue(const std::string& key, Json v) {
-    mutate([&](Json& all) { all[key] = std::move(v); });
+Status DefaultsStore::setValue(const std::string& key, Json v) {
+    return mutate([&](Json& all) { all[key] = std::move(v); });
 }
 
-void DefaultsStore::remove(const std::string& key) {
-    mutate([&](Json& all) { all.erase(key); });
+Status DefaultsStore::remove(const std::string& key) {
+    return mutate([&](Json& all) { all.erase(key); });
 }
 
-void DefaultsStore::removeAll() {
-    mutate([](Json& all) { all = Json::object(); });
+Status DefaultsStore::removeAll() {
+    return mutate([](Json& all) { all = Json::object(); });
 }
 
 DefaultsStore::Json DefaultsStore::snapshot() const {
@@ -123,28 +130,59 @@ DefaultsStore::Json DefaultsStore::snapshot() const {
     return cache_;
 }
 
-void DefaultsStore::mutate(const std::function<void(Json&)>& change) {
+Status DefaultsStore::mutate(const std::function<void(Json&)>& change) {
     std::lock_guard lock(mutex_);
     std::error_code ec;
     std::filesystem::create_directories(file_.parent_path(), ec);
+    if (ec) return Status::failure("can't create " + file_.parent_path().string() + ": " + ec.message());
     // The lock file outlives every writer; flock is released when it closes.
     std::string lockPath = file_.string() + ".lock";
-    int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
     if (lockFd >= 0) {
         while (::flock(lockFd, LOCK_EX) != 0 && errno == EINTR) {
         }
     }
-    bool corrupt = false;
-    Json all = load(file_, &corrupt);
-    if (corrupt) {
-        // Keep what we could not read beside the fresh file.
-        std::filesystem::rename(file_, file_.string() + ".corrupt", ec);
+    Status status = writeLocked(change);
+    if (lockFd >= 0) ::close(lockFd);
+    return status;
+}
+
+Status DefaultsStore::writeLocked(const std::function<void(Json&)>& change) {
+    auto loaded = load(file_);
+    if (!loaded.read.ok() && !loaded.read.missing()) {
+        // Never replace what we could not read: it may hold every setting and rule the user has.
+        return Status::failure("can't read " + file_.string() + ": " + loaded.read.why);
     }
+    if (loaded.corrupt) {
+        // Keep what we could not parse beside the fresh file.
+        std::error_code ec;
+        std::filesystem::rename(file_, file_.string() + ".corrupt", ec);
+        if (ec) return Status::failure("can't set aside the unreadable " + file_.string() + ": " + ec.message());
+    }
+    Json all = std::move(loaded.object);
     change(all);
-    FileUtil::writeAtomically(file_, all.dump(2) + "\n", 0600);
+    Status written = FileUtil::writeAtomically(file_, JsonText::dump(all, 2) + "\n", 0600);
+    if (!written) return Status::failure("can't write " + file_.string() + ": " + written.why);
     cache_ = std::move(all);
     stamp_ = {};  // reload the stamp (and our own write) on the next read
-    if (lockFd >= 0) ::close(lockFd);
+    return written;
+}
+
+Status DefaultsStore::erase() {
+    std::lock_guard lock(mutex_);
+    std::string failed;
+    for (const std::string& suffix : {std::string(), std::string(".lock"), std::string(".corrupt")}) {
+        std::filesystem::path p = file_.string() + suffix;
+        std::error_code ec;
+        std::filesystem::remove(p, ec);
+        if (ec && failed.empty()) failed = "can't remove " + p.string() + ": " + ec.message();
+    }
+    // The folder is ours (we made it for this file); it goes when nothing else is left in it.
+    std::error_code ec;
+    if (std::filesystem::is_empty(file_.parent_path(), ec) && !ec) std::filesystem::remove(file_.parent_path(), ec);
+    cache_ = Json::object();
+    stamp_ = {};
+    return failed.empty() ? Status::success() : Status::failure(failed);
 }
 
 }  // namespace lumora

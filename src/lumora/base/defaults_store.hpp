@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "lumora/base/status.hpp"
 #include "lumora/platform/file_stamp.hpp"
 
 namespace lumora {
@@ -18,7 +19,10 @@ namespace lumora {
 // change and renames a fresh copy into place, so two processes that write
 // different keys at once both keep their writes. Reads are served from memory
 // and reloaded when the file changes on disk. A corrupt file reads as empty
-// and is kept beside the new one (".corrupt") on the next write.
+// and is kept beside the new one (".corrupt") on the next write. A file that
+// exists but cannot be read (permissions, a folder or a FIFO in its place) is
+// never written: every write then fails and says why, and reads keep the
+// values read last.
 class DefaultsStore {
 public:
     using Json = nlohmann::ordered_json;
@@ -44,14 +48,19 @@ public:
     std::optional<Json> list(const std::string& key) const;        // a JSON array
     std::optional<Json> dictionary(const std::string& key) const;  // a JSON object
 
-    void setBool(const std::string& key, bool value);
-    void setInteger(const std::string& key, int64_t value);
-    void setReal(const std::string& key, double value);
-    void setString(const std::string& key, const std::string& value);
-    void setValue(const std::string& key, Json value);
-    void remove(const std::string& key);
-    // Removes every key (the uninstaller's wipe).
-    void removeAll();
+    // Each write says why it failed ("can't read …: Permission denied").
+    Status setBool(const std::string& key, bool value);
+    Status setInteger(const std::string& key, int64_t value);
+    Status setReal(const std::string& key, double value);
+    Status setString(const std::string& key, const std::string& value);
+    Status setValue(const std::string& key, Json value);
+    Status remove(const std::string& key);
+    // Removes every key, keeping the file.
+    Status removeAll();
+    // Removes the store's files (the file, its lock file and a set-aside
+    // corrupt copy) and their folder when that is left empty: the
+    // uninstaller's wipe. Reads then see an empty store.
+    Status erase();
 
     // A copy of everything stored.
     Json snapshot() const;
@@ -59,7 +68,8 @@ public:
 private:
     void refreshIfChanged() const;  // requires mutex_
     // Applies `change` to the freshest on-disk state under the file lock and writes it back.
-    void mutate(const std::function<void(Json&)>& change);
+    Status mutate(const std::function<void(Json&)>& change);
+    Status writeLocked(const std::function<void(Json&)>& change);  // requires mutex_ and the file lock
 
     std::filesystem::path file_;
     mutable std::mutex mutex_;

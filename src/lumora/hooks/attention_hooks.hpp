@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "lumora/base/status.hpp"
 #include "lumora/hooks/hook_config_edits.hpp"
 
 // The Claude Code installer (named for the attention hooks it installs).
@@ -15,23 +16,20 @@ namespace lumora::AttentionHooks {
 
 namespace fs = std::filesystem;
 
-inline constexpr const char* kVersionMarker = "notch-cc-hook v8";
-inline constexpr const char* kResource = "notch-hook.py";
-// A group is ours when one of its commands contains this.
-inline constexpr const char* kOurScript = "lumora/notch-hook";
-
 // The hooks we wire, in the order they are written.
 const std::vector<EventSpec>& eventSpecs();
 
 fs::path programPath();   // ~/.claude/lumora/notch-hook.py
 fs::path settingsPath();  // ~/.claude/settings.json
 
-// Writes the program and our groups. Fails, logging why, when settings.json
-// is not a JSON object (it is then left as it is) or no python3 is usable.
-bool install();
-// Removes our groups from settings.json (the program stays; the uninstaller removes it).
-bool uninstall();
-// True when the program holds the current version marker and every group is present.
+// Writes the program and our groups. Fails, saying why, when settings.json
+// cannot be read or is not a JSON object (it is then left as it is), when no
+// python3 is usable, or when a write fails.
+Status install();
+// Removes our groups from settings.json, cutting them out of its text (the
+// program stays; the uninstaller removes it).
+Status uninstall();
+// True when the program is the current one and every group is present.
 bool isInstalled();
 // True when ~/.claude exists.
 bool agentPresent();
@@ -39,5 +37,7 @@ bool agentPresent();
 bool hasOurEntries();
 // What `install` would change, one line each; empty when nothing.
 std::vector<std::string> plannedChanges();
+// The backup we keep of settings.json.
+std::vector<fs::path> backups();
 
 }  // namespace lumora::AttentionHooks

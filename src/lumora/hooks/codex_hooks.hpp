@@ -1,26 +1,25 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "lumora/base/status.hpp"
+#include "lumora/hooks/codex_config_edits.hpp"
 #include "lumora/hooks/hook_config_edits.hpp"
 
 // Codex's hooks: the program ~/.codex/notch-codex-hook.py, its groups in
 // ~/.codex/hooks.json, and in ~/.codex/config.toml the hooks feature flag and
 // one trust entry per handler of ours (Codex runs a hook only when its entry
 // holds the handler's hash). Every edit of config.toml is a line edit that
-// keeps the rest of the file byte for byte.
+// keeps the rest of the file byte for byte, and the user's own handlers stay
+// trusted whatever our edits do to their places in hooks.json.
 namespace lumora::CodexHooks {
 
 namespace fs = std::filesystem;
 using Json = HookConfigEdits::Json;
-
-inline constexpr const char* kVersionMarker = "notch-codex-hook v4";
-inline constexpr const char* kResource = "notch-codex-hook.py";
-inline constexpr const char* kOurScript = "notch-codex-hook";
-inline constexpr const char* kFeatureLine = "hooks = true  # managed by Lumora";
 
 const std::vector<EventSpec>& eventSpecs();
 
@@ -29,9 +28,13 @@ fs::path programPath();   // <folder>/notch-codex-hook.py
 fs::path hooksPath();     // <folder>/hooks.json
 fs::path configPath();    // <folder>/config.toml
 
-bool install();
+// Writes the program, our groups, their trust entries and the feature flag.
+// Leaves both files as they were, saying why, when either cannot be read or
+// parsed, or when config.toml cannot be edited into a state where Codex runs
+// our hooks and still trusts the user's own.
+Status install();
 // Removes our groups, their trust entries and our feature-flag line.
-bool uninstall();
+Status uninstall();
 // Program current, every group present, and every trust entry present and matching.
 bool isInstalled();
 bool agentPresent();
@@ -44,29 +47,9 @@ std::optional<std::string> trustProblem();
 // The hooks.json path as Codex writes it into trust keys: $CODEX_HOME/hooks.json
 // with symbolic links resolved, else ~/.codex/hooks.json normalised lexically.
 std::string trustKeyPath();
-// `PermissionRequest` → `permission_request`.
-std::string eventLabel(const std::string& event);
-// "sha256:<hex>" over the handler as Codex identifies it.
-std::string trustHash(const std::string& event, const Json& group, const Json& handler);
 
-struct TrustEntry {
-    std::string key;   // "<hooks.json>:<event label>:<group index>:<handler index>"
-    std::string hash;  // "sha256:…"
-    bool operator==(const TrustEntry&) const = default;
-};
-// The trust entries for every handler of ours in a hooks.json object.
-std::vector<TrustEntry> ourTrustEntries(const Json& hooksFile);
-// The header line of a trust entry's table.
-std::string trustHeader(const std::string& key);
-
-// The config.toml text with the hooks feature flag on: unchanged when a
-// `hooks = true` line exists, else our line under [features] (appending the
-// table when there is none).
-std::string enablingFeatureFlag(const std::string& text);
-// The text without our feature-flag line. With `dropEmptyTable`, a [features]
-// table left empty by that removal goes too.
-std::string disablingFeatureFlag(const std::string& text, bool dropEmptyTable);
-
+// The backups we keep: hooks.json's, and config.toml's dated ones.
+std::vector<fs::path> backups();
 // The dated backups of config.toml, oldest first.
 std::vector<fs::path> configBackups();
 // "config.toml.notch-backup-<UTC time, ':' as '-'>".

@@ -1,14 +1,15 @@
 #include "lumora/hooks/cursor_hooks.hpp"
 
-#include <spdlog/spdlog.h>
-
-#include "lumora/platform/paths.hpp"
+#include "lumora/hooks/hook_providers.hpp"
 
 namespace lumora::CursorHooks {
 
 using namespace HookConfigEdits;
+using Kind = JSONConfigFile::Contents::Kind;
 
 namespace {
+
+const HookProviders::Provider& provider() { return HookProviders::of(HookProviders::Agent::cursor); }
 
 std::vector<std::string> allEvents() {
     std::vector<std::string> events = writeEvents();
@@ -20,7 +21,7 @@ bool entryIsOurs(const Json& entry) {
     if (!entry.is_object()) return false;
     auto command = entry.find("command");
     return command != entry.end() && command->is_string() &&
-           command->get_ref<const std::string&>().find(kOurScript) != std::string::npos;
+           command->get_ref<const std::string&>().find(provider().ourScript) != std::string::npos;
 }
 
 // Our entry in every event's list: replaced in place when there is exactly one, else appended.
@@ -97,56 +98,50 @@ const std::vector<std::string>& clearEvents() {
     return events;
 }
 
-fs::path programPath() { return Paths::cursorHome() / "notch-cursor-hook.py"; }
-fs::path hooksPath() { return Paths::cursorHome() / "hooks.json"; }
+fs::path programPath() { return HookProviders::programPath(HookProviders::Agent::cursor); }
+fs::path hooksPath() { return HookProviders::configFiles(HookProviders::Agent::cursor).front(); }
 
 bool agentPresent() {
     std::error_code ec;
-    return fs::is_directory(Paths::cursorHome(), ec);
+    return fs::is_directory(HookProviders::folder(HookProviders::Agent::cursor), ec);
 }
 
-bool install() {
+Status install() {
     auto contents = JSONConfigFile::load(hooksPath());
     auto object = contents.mergeable();
-    if (!object) {
-        spdlog::warn("Lumora: ~/.cursor/hooks.json isn't valid JSON — leaving it alone, hooks not installed");
-        return false;
-    }
+    if (!object) return leftAlone(hooksPath(), contents.why);
     auto interpreter = python();
-    if (!interpreter) return false;
+    if (!interpreter) return noPython();
     Json edited = *object;
     if (!setOurEntries(edited, hookCommand(*interpreter, programPath()))) {
-        spdlog::warn("Lumora: ~/.cursor/hooks.json has an unexpected \"hooks\" entry — leaving it alone, hooks not installed");
-        return false;
+        return leftAlone(hooksPath(), "has an unexpected \"hooks\" entry");
     }
-    if (!writeProgram(programPath(), programText(kResource))) return false;
-    if (contents.kind == JSONConfigFile::Contents::Kind::object && edited == contents.object) return true;
+    if (Status s = writeProgram(programPath(), programText(provider().resource)); !s) return s;
+    if (contents.kind == Kind::object && edited == contents.object) return Status::success();
     return JSONConfigFile::write(edited, hooksPath(), {contents.text});
 }
 
-bool uninstall() {
+Status uninstall() {
     auto contents = JSONConfigFile::load(hooksPath());
-    if (contents.kind == JSONConfigFile::Contents::Kind::missing) return true;
-    if (contents.kind == JSONConfigFile::Contents::Kind::unreadable) {
-        spdlog::warn("Lumora: ~/.cursor/hooks.json isn't valid JSON — leaving it alone");
-        return false;
-    }
+    if (contents.kind == Kind::missing) return Status::success();
+    if (contents.kind == Kind::unreadable) return leftAlone(hooksPath(), contents.why, false);
     Json edited = contents.object;
-    if (!removeOurEntries(edited)) return true;
-    return applyUninstall(hooksPath(), planUninstall(hooksPath(), contents, edited, holdsOurs, {"version"}));
+    if (!removeOurEntries(edited)) return Status::success();
+    return applyUninstall(hooksPath(),
+                          planUninstall(hooksPath(), contents, edited, entryIsOurs, holdsOurs, {"version"}));
 }
 
 bool hasOurEntries() {
     auto contents = JSONConfigFile::load(hooksPath());
-    return contents.kind == JSONConfigFile::Contents::Kind::object && holdsOurs(contents.object);
+    return contents.kind == Kind::object && holdsOurs(contents.object);
 }
 
 bool isInstalled() {
-    if (!holdsMarker(programPath(), kVersionMarker)) return false;
+    if (!holdsText(programPath(), programText(provider().resource))) return false;
     auto interpreter = python();
     if (!interpreter) return false;
     auto contents = JSONConfigFile::load(hooksPath());
-    if (contents.kind != JSONConfigFile::Contents::Kind::object) return false;
+    if (contents.kind != Kind::object) return false;
     Json edited = contents.object;
     return setOurEntries(edited, hookCommand(*interpreter, programPath())) && edited == contents.object;
 }
@@ -154,18 +149,20 @@ bool isInstalled() {
 std::vector<std::string> plannedChanges() {
     auto contents = JSONConfigFile::load(hooksPath());
     auto object = contents.mergeable();
-    if (!object) return {"none: ~/.cursor/hooks.json isn't valid JSON and would be left alone"};
+    if (!object) return {"none: " + displayPath(hooksPath()) + " " + contents.why + " and would be left alone"};
     auto interpreter = python();
     if (!interpreter) return {"none: no usable python3"};
     std::vector<std::string> changes;
-    if (!holdsMarker(programPath(), kVersionMarker)) changes.push_back("write " + displayPath(programPath()));
+    if (!holdsText(programPath(), programText(provider().resource))) changes.push_back("write " + displayPath(programPath()));
     Json edited = *object;
     if (!setOurEntries(edited, hookCommand(*interpreter, programPath())))
-        return {"none: ~/.cursor/hooks.json has an unexpected \"hooks\" entry"};
-    if (contents.kind != JSONConfigFile::Contents::Kind::object || edited != contents.object)
+        return {"none: " + displayPath(hooksPath()) + " has an unexpected \"hooks\" entry"};
+    if (contents.kind != Kind::object || edited != contents.object)
         changes.push_back("rewrite our entries for " + std::to_string(allEvents().size()) + " events in " +
                           displayPath(hooksPath()));
     return changes;
 }
+
+std::vector<fs::path> backups() { return {JSONConfigFile::backupURL(hooksPath())}; }
 
 }  // namespace lumora::CursorHooks

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "lumora/base/status.hpp"
 #include "lumora/hooks/hook_config_edits.hpp"
 
 // Cursor's agent hooks: the program ~/.cursor/notch-cursor-hook.py and one
@@ -13,10 +14,6 @@ namespace lumora::CursorHooks {
 
 namespace fs = std::filesystem;
 
-inline constexpr const char* kVersionMarker = "notch-cursor-hook v7";
-inline constexpr const char* kResource = "notch-cursor-hook.py";
-inline constexpr const char* kOurScript = "notch-cursor-hook";
-
 // The events that note what the agent is about to do, then those that clear the note.
 const std::vector<std::string>& writeEvents();
 const std::vector<std::string>& clearEvents();
@@ -24,11 +21,15 @@ const std::vector<std::string>& clearEvents();
 fs::path programPath();  // ~/.cursor/notch-cursor-hook.py
 fs::path hooksPath();    // ~/.cursor/hooks.json
 
-bool install();
-bool uninstall();
+// Writes the program and our entry in every event's list; fails, saying why,
+// leaving hooks.json as it was when it cannot be read or is not an object.
+Status install();
+// Cuts our entries out of hooks.json.
+Status uninstall();
 bool isInstalled();
 bool agentPresent();
 bool hasOurEntries();
 std::vector<std::string> plannedChanges();
+std::vector<fs::path> backups();
 
 }  // namespace lumora::CursorHooks

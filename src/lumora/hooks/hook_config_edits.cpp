@@ -4,9 +4,12 @@
 
 #include <set>
 
+#include <spdlog/spdlog.h>
+
 #include "lumora/base/file_util.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
-#include "lumora/platform/paths.hpp"
+#include "lumora/hooks/hook_providers.hpp"
+#include "lumora/hooks/json_text_edits.hpp"
 #include "lumora/platform/python_locator.hpp"
 
 namespace lumora::HookConfigEdits {
@@ -21,6 +24,8 @@ std::string hookCommand(const fs::path& interpreter, const fs::path& program, st
 }
 
 std::optional<fs::path> python() { return PythonLocator::interpreter(); }
+
+Status noPython() { return Status::failure("no usable python3 found to run the hook program"); }
 
 std::string programText(std::string_view resourceName) {
     auto text = EmbeddedResources::text(resourceName);
@@ -39,17 +44,40 @@ bool holdsMarker(const fs::path& file, std::string_view marker) {
     return false;
 }
 
-bool writeProgram(const fs::path& file, std::string_view text) {
+bool holdsText(const fs::path& file, std::string_view text) {
+    auto current = FileUtil::readFile(file);
+    return current && *current == text;
+}
+
+Status writeProgram(const fs::path& file, std::string_view text, unsigned mode) {
+    if (text.empty()) return Status::failure("this build lacks the hook program " + file.filename().string());
     std::error_code ec;
     fs::create_directories(file.parent_path(), ec);
-    auto current = FileUtil::readFile(file);
-    if (!current || *current != text) {
-        if (!FileUtil::writeAtomically(file, text, 0755)) return false;
+    if (ec) return Status::failure("can't create " + displayPath(file.parent_path()) + ": " + ec.message());
+    auto current = FileUtil::read(file);
+    if (!current.ok() && !current.missing()) {
+        // A folder, a FIFO or a file we may not read where our program goes: not ours to replace.
+        return Status::failure(displayPath(file) + " can't be read (" + current.why + ") — left alone");
     }
-    fs::permissions(file, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                              fs::perms::others_read | fs::perms::others_exec,
-                    ec);
-    return true;
+    if (!current.ok() || current.text != text) {
+        Status written = FileUtil::writeAtomically(file, text, mode);
+        if (!written) return Status::failure("can't write " + displayPath(file) + ": " + written.why);
+    }
+    fs::permissions(file, static_cast<fs::perms>(mode), ec);
+    return Status::success();
+}
+
+ConfigText readConfigText(const fs::path& file) {
+    auto read = FileUtil::read(file);
+    if (read.missing()) return {};
+    if (!read.ok()) return {true, {}, Status::failure("can't be read (" + read.why + ")")};
+    return {true, std::move(read.text), Status::success()};
+}
+
+Status leftAlone(const fs::path& file, const std::string& problem, bool installing) {
+    spdlog::warn("Lumora: {} {} — leaving it alone{}", displayPath(file), problem,
+                 installing ? ", hooks not installed" : "");
+    return Status::failure(displayPath(file) + " " + problem + " — left alone");
 }
 
 Json groupFor(const EventSpec& spec, const std::string& command) {
@@ -183,51 +211,51 @@ Json normalised(Json object, const std::vector<std::string>& ignoredKeys) {
 }  // namespace
 
 UninstallPlan planUninstall(const fs::path& file, const JSONConfigFile::Contents& current, const Json& edited,
+                            const std::function<bool(const Json&)>& isOurEntry,
                             const std::function<bool(const Json&)>& holdsOurs,
                             const std::vector<std::string>& ignoredKeys) {
     UninstallPlan plan;
     if (current.kind != JSONConfigFile::Contents::Kind::object || edited == current.object) return plan;
     fs::path backupFile = JSONConfigFile::backupURL(file);
+    auto backup = JSONConfigFile::load(backupFile);
     std::error_code ec;
-    bool hasBackup = fs::exists(backupFile, ec);
-    if (hasBackup) {
-        auto backup = JSONConfigFile::load(backupFile);
-        if (backup.kind == JSONConfigFile::Contents::Kind::object && !holdsOurs(backup.object) &&
-            normalised(backup.object, ignoredKeys) == normalised(edited, ignoredKeys)) {
-            plan.kind = UninstallPlan::Kind::restoreBackup;
-            plan.text = backup.text;
-            return plan;
-        }
+    bool hasBackup = fs::exists(fs::symlink_status(backupFile, ec));
+    if (backup.kind == JSONConfigFile::Contents::Kind::object && !holdsOurs(backup.object) &&
+        normalised(backup.object, ignoredKeys) == normalised(edited, ignoredKeys)) {
+        plan.kind = UninstallPlan::Kind::restoreBackup;
+        plan.text = backup.text;
+        return plan;
     }
-    if (!hasBackup && !fs::is_symlink(file, ec) && normalised(edited, ignoredKeys).empty()) {
+    if (!hasBackup && !fs::is_symlink(file, ec) &&
+        normalised(edited, ignoredKeys).empty()) {
         plan.kind = UninstallPlan::Kind::removeFile;
         return plan;
     }
-    plan.kind = UninstallPlan::Kind::writeJson;
-    plan.text = JSONConfigFile::serialise(edited, {current.text});
+    plan.kind = UninstallPlan::Kind::writeText;
+    if (auto cut = JsonTextEdits::removingEntries(current.text, isOurEntry, edited, JSONConfigFile::kMaxDepth)) {
+        plan.text = std::move(*cut);
+    } else {
+        plan.text = JSONConfigFile::serialise(edited, {current.text});
+    }
     return plan;
 }
 
-bool applyUninstall(const fs::path& file, const UninstallPlan& plan) {
+Status applyUninstall(const fs::path& file, const UninstallPlan& plan) {
     switch (plan.kind) {
-        case UninstallPlan::Kind::nothing: return true;
-        case UninstallPlan::Kind::writeJson:
+        case UninstallPlan::Kind::nothing: return Status::success();
+        case UninstallPlan::Kind::writeText:
         case UninstallPlan::Kind::restoreBackup: return JSONConfigFile::writeText(plan.text, file);
         case UninstallPlan::Kind::removeFile: {
             std::error_code ec;
             fs::remove(file, ec);
-            return !ec;
+            if (ec) return Status::failure("can't remove " + displayPath(file) + ": " + ec.message());
+            return Status::success();
         }
     }
-    return false;
+    return Status::success();
 }
 
-std::string displayPath(const fs::path& file) {
-    std::string home = Paths::home().string();
-    std::string p = file.string();
-    if (!home.empty() && home != "/" && p.rfind(home + "/", 0) == 0) return "~" + p.substr(home.size());
-    return p;
-}
+std::string displayPath(const fs::path& file) { return HookProviders::displayPath(file); }
 
 std::vector<std::pair<std::string, Json>> groupsFor(const std::vector<EventSpec>& specs, const fs::path& interpreter,
                                                     const fs::path& program) {

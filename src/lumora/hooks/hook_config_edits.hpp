@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "lumora/base/status.hpp"
 #include "lumora/hooks/json_config_file.hpp"
 
 // The pieces every installer shares: the hook command, the hook programs on
@@ -33,6 +34,8 @@ std::string hookCommand(const fs::path& interpreter, const fs::path& program, st
 
 // The Python interpreter for hook commands; nothing when none is usable.
 std::optional<fs::path> python();
+// Why there is no interpreter, for a failed install.
+Status noPython();
 
 // The embedded text of a hook program (empty when it is missing from the build).
 std::string programText(std::string_view resourceName);
@@ -40,8 +43,26 @@ std::string programText(std::string_view resourceName);
 // True when the file holds `marker` as a whole word ("v8" is not "v80").
 bool holdsMarker(const fs::path& file, std::string_view marker);
 
-// Writes a hook program (mode 0755) when its bytes differ, creating its folder.
-bool writeProgram(const fs::path& file, std::string_view text);
+// True when the file holds exactly `text` (an installed program that is current).
+bool holdsText(const fs::path& file, std::string_view text);
+
+// Writes a hook program (by default executable, mode 0755) when its bytes
+// differ, creating its folder.
+Status writeProgram(const fs::path& file, std::string_view text, unsigned mode = 0755);
+
+// A configuration file read as text: `exists` false for no file; a failed
+// status (with why) when it exists but cannot be read.
+struct ConfigText {
+    bool exists = false;
+    std::string text;
+    Status status;
+};
+ConfigText readConfigText(const fs::path& file);
+
+// Logs "Lumora: <file> <problem> — leaving it alone, hooks not installed"
+// (or, when `installing` is false, "— leaving it alone") and returns the
+// failure "<file> <problem> — left alone".
+Status leftAlone(const fs::path& file, const std::string& problem, bool installing = true);
 
 // A group as the Claude Code and Codex configurations hold it:
 // {"matcher": …, "hooks": [{"type": "command", "command": …, "timeout": …}]}.
@@ -72,18 +93,23 @@ std::vector<std::pair<std::string, Json>> groupsFor(const std::vector<EventSpec>
 // True when any event list of `root` holds a group using `needle`.
 bool holdsOurGroups(const Json& root, std::string_view needle);
 
-// The result of removing our entries from a file, with the file's own bytes
-// when nothing else changed: when the backup taken before our last change
-// holds none of our entries and equals `edited` up to empty containers and
-// the keys in `ignoredKeys`, the backup's bytes are what the user had.
+// The result of removing our entries from a file, keeping the user's bytes:
+// when the backup taken before our last change holds none of our entries and
+// equals `edited` up to empty containers and the keys in `ignoredKeys`, the
+// backup's bytes are what the user had (`restoreBackup`); otherwise our
+// entries are cut out of the current text and nothing else changes
+// (`writeText`), or, when the text cannot be cut that way, the object is
+// written in the file's layout. A file we created and left empty goes.
 struct UninstallPlan {
-    enum class Kind { nothing, writeJson, restoreBackup, removeFile } kind = Kind::nothing;
-    std::string text;  // the bytes to write (writeJson, restoreBackup)
+    enum class Kind { nothing, writeText, restoreBackup, removeFile } kind = Kind::nothing;
+    std::string text;  // the bytes to write (writeText, restoreBackup)
 };
+// `isOurEntry` tells our entries in the event lists apart; `holdsOurs` whether a whole file holds any.
 UninstallPlan planUninstall(const fs::path& file, const JSONConfigFile::Contents& current, const Json& edited,
+                            const std::function<bool(const Json&)>& isOurEntry,
                             const std::function<bool(const Json&)>& holdsOurs,
                             const std::vector<std::string>& ignoredKeys = {});
-bool applyUninstall(const fs::path& file, const UninstallPlan& plan);
+Status applyUninstall(const fs::path& file, const UninstallPlan& plan);
 
 // "~/…" for a path under the home folder, for messages.
 std::string displayPath(const fs::path& file);

@@ -15,44 +15,59 @@ namespace {
 
 const char* yesNo(bool b) { return b ? "yes" : "no"; }
 
+// Runs `step` for every installer that `applies`, after saving the setting.
+Report forEach(DefaultsStore& defaults, bool enabled, bool (*Installer::*applies)(), Status (*Installer::*step)()) {
+    Report report;
+    report.setting = defaults.setBool("hooksEnabled", enabled);
+    if (!report.setting) return report;
+    for (const auto& installer : installers()) {
+        Outcome o{installer.name(), Outcome::Result::skipped, {}};
+        if ((installer.*applies)()) {
+            Status s = (installer.*step)();
+            o.result = s ? Outcome::Result::done : Outcome::Result::failed;
+            o.why = s.why;
+        }
+        report.outcomes.push_back(std::move(o));
+    }
+    return report;
+}
+
 }  // namespace
 
 const std::vector<Installer>& installers() {
+    using HookProviders::Agent;
     static const std::vector<Installer> list = {
-        {"Claude Code", AttentionHooks::agentPresent, AttentionHooks::isInstalled, AttentionHooks::hasOurEntries,
-         AttentionHooks::install, AttentionHooks::uninstall, AttentionHooks::plannedChanges},
-        {"Codex", CodexHooks::agentPresent, CodexHooks::isInstalled, CodexHooks::hasOurEntries, CodexHooks::install,
-         CodexHooks::uninstall, CodexHooks::plannedChanges},
-        {"Cursor", CursorHooks::agentPresent, CursorHooks::isInstalled, CursorHooks::hasOurEntries,
-         CursorHooks::install, CursorHooks::uninstall, CursorHooks::plannedChanges},
-        {"Kimi", KimiHooks::agentPresent, KimiHooks::isInstalled, KimiHooks::hasOurEntries, KimiHooks::install,
-         KimiHooks::uninstall, KimiHooks::plannedChanges},
-        {"OpenCode", OpenCodeHooks::agentPresent, OpenCodeHooks::isInstalled, OpenCodeHooks::hasOurEntries,
-         OpenCodeHooks::install, OpenCodeHooks::uninstall, OpenCodeHooks::plannedChanges},
+        {Agent::claudeCode, AttentionHooks::install, AttentionHooks::uninstall, AttentionHooks::isInstalled,
+         AttentionHooks::agentPresent, AttentionHooks::hasOurEntries, AttentionHooks::plannedChanges, nullptr,
+         AttentionHooks::backups},
+        {Agent::cursor, CursorHooks::install, CursorHooks::uninstall, CursorHooks::isInstalled,
+         CursorHooks::agentPresent, CursorHooks::hasOurEntries, CursorHooks::plannedChanges, nullptr,
+         CursorHooks::backups},
+        {Agent::codex, CodexHooks::install, CodexHooks::uninstall, CodexHooks::isInstalled, CodexHooks::agentPresent,
+         CodexHooks::hasOurEntries, CodexHooks::plannedChanges, CodexHooks::trustProblem, CodexHooks::backups},
+        {Agent::kimi, KimiHooks::install, KimiHooks::uninstall, KimiHooks::isInstalled, KimiHooks::agentPresent,
+         KimiHooks::hasOurEntries, KimiHooks::plannedChanges, nullptr, KimiHooks::backups},
+        {Agent::openCode, OpenCodeHooks::install, OpenCodeHooks::uninstall, OpenCodeHooks::isInstalled,
+         OpenCodeHooks::agentPresent, OpenCodeHooks::hasOurEntries, OpenCodeHooks::plannedChanges, nullptr,
+         nullptr},
     };
     return list;
 }
 
-std::vector<Outcome> enable(DefaultsStore& defaults) {
-    defaults.setBool("hooksEnabled", true);
-    std::vector<Outcome> outcomes;
-    for (const auto& installer : installers()) {
-        Outcome o{installer.agent, Outcome::Result::skipped};
-        if (installer.agentPresent()) o.result = installer.install() ? Outcome::Result::done : Outcome::Result::failed;
-        outcomes.push_back(o);
+bool Report::ok() const {
+    if (!setting) return false;
+    for (const auto& o : outcomes) {
+        if (o.result == Outcome::Result::failed) return false;
     }
-    return outcomes;
+    return true;
 }
 
-std::vector<Outcome> disable(DefaultsStore& defaults) {
-    defaults.setBool("hooksEnabled", false);
-    std::vector<Outcome> outcomes;
-    for (const auto& installer : installers()) {
-        Outcome o{installer.agent, Outcome::Result::skipped};
-        if (installer.hasOurEntries()) o.result = installer.uninstall() ? Outcome::Result::done : Outcome::Result::failed;
-        outcomes.push_back(o);
-    }
-    return outcomes;
+Report enable(DefaultsStore& defaults) {
+    return forEach(defaults, true, &Installer::agentPresent, &Installer::install);
+}
+
+Report disable(DefaultsStore& defaults) {
+    return forEach(defaults, false, &Installer::hasOurEntries, &Installer::uninstall);
 }
 
 std::vector<std::string> refreshAtStart(DefaultsStore& defaults) {
@@ -60,10 +75,12 @@ std::vector<std::string> refreshAtStart(DefaultsStore& defaults) {
     if (!defaults.boolean("hooksEnabled").value_or(false)) return refreshed;
     for (const auto& installer : installers()) {
         if (!installer.agentPresent() || installer.isInstalled()) continue;
-        if (installer.install()) {
-            spdlog::info("Lumora: refreshed the {} hooks", installer.agent);
-            refreshed.push_back(installer.agent);
+        if (Status s = installer.install(); !s) {
+            spdlog::warn("Lumora: couldn't refresh the {} hooks: {}", installer.name(), s.why);
+            continue;
         }
+        spdlog::info("Lumora: refreshed the {} hooks", installer.name());
+        refreshed.push_back(installer.name());
     }
     return refreshed;
 }
@@ -73,10 +90,10 @@ void writeConfigTest(std::ostream& out) {
         bool present = installer.agentPresent();
         bool ours = installer.hasOurEntries();
         bool current = installer.isInstalled();
-        out << installer.agent << ": present " << yesNo(present) << ", installed " << yesNo(ours || current)
+        out << installer.name() << ": present " << yesNo(present) << ", installed " << yesNo(ours || current)
             << ", current " << yesNo(current) << "\n";
-        if (installer.agent == "Codex") {
-            if (auto problem = CodexHooks::trustProblem()) out << "  " << *problem << "\n";
+        if (installer.problem) {
+            if (auto problem = installer.problem()) out << "  " << *problem << "\n";
         }
         auto changes = installer.plannedChanges();
         if (changes.empty()) out << "  an install would change nothing\n";

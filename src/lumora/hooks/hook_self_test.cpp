@@ -8,11 +8,8 @@
 #include <thread>
 
 #include "lumora/base/file_util.hpp"
-#include "lumora/hooks/attention_hooks.hpp"
-#include "lumora/hooks/codex_hooks.hpp"
-#include "lumora/hooks/cursor_hooks.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
-#include "lumora/hooks/kimi_hooks.hpp"
+#include "lumora/hooks/hook_providers.hpp"
 #include "lumora/platform/child_process.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/python_locator.hpp"
@@ -158,19 +155,21 @@ std::vector<Check> run(Bridge& bridge, const fs::path& socket, std::ostream& out
 
     // The installed programs, or the built-in ones when an agent has none installed.
     fs::path scratch = socket.parent_path();
-    auto program = [&](const std::string& agent, const fs::path& installed, const char* resource,
-                       const std::string& source) {
+    auto program = [&](HookProviders::Agent which, const std::string& source) {
+        const auto& provider = HookProviders::of(which);
+        std::string agent(provider.name);
+        fs::path installed = HookProviders::programPath(which);
         std::error_code ec;
         if (fs::exists(installed, ec)) return Program{agent, installed, source};
-        fs::path copy = scratch / resource;
-        FileUtil::writeAtomically(copy, std::string(EmbeddedResources::text(resource).value_or("")), 0755);
+        fs::path copy = scratch / provider.resource;
+        FileUtil::writeAtomically(copy, std::string(EmbeddedResources::text(provider.resource).value_or("")), 0755);
         out << "  (" << agent << ": no installed program, using the built-in one)\n";
         return Program{agent, copy, source};
     };
-    Program claude = program("Claude Code", AttentionHooks::programPath(), AttentionHooks::kResource, "claude");
-    Program codex = program("Codex", CodexHooks::programPath(), CodexHooks::kResource, "codex");
-    Program cursor = program("Cursor", CursorHooks::programPath(), CursorHooks::kResource, "cursor");
-    Program kimi = program("Kimi", KimiHooks::programPath(), KimiHooks::kResource, "kimi");
+    Program claude = program(HookProviders::Agent::claudeCode, "claude");
+    Program codex = program(HookProviders::Agent::codex, "codex");
+    Program cursor = program(HookProviders::Agent::cursor, "cursor");
+    Program kimi = program(HookProviders::Agent::kimi, "kimi");
 
     if (!bridge.start()) {
         r.record("the bridge listens on " + socket.string(), false, "it could not bind the socket");

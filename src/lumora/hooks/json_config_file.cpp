@@ -3,6 +3,8 @@
 #include <system_error>
 
 #include "lumora/base/file_util.hpp"
+#include "lumora/base/json_text.hpp"
+#include "lumora/hooks/hook_providers.hpp"
 
 namespace lumora::JSONConfigFile {
 
@@ -42,6 +44,7 @@ struct Layout {
     int width = 2;
     char fill = ' ';
     bool finalNewline = true;
+    bool crlf = false;
 };
 
 // The indent unit of the first indented line, and whether the text ends in a newline.
@@ -49,6 +52,8 @@ Layout layoutOf(std::string_view text) {
     Layout layout;
     if (text.empty()) return layout;
     layout.finalNewline = text.back() == '\n';
+    size_t firstEol = text.find('\n');
+    layout.crlf = firstEol != std::string_view::npos && firstEol > 0 && text[firstEol - 1] == '\r';
     size_t pos = 0;
     while (pos < text.size()) {
         size_t eol = text.find('\n', pos);
@@ -90,10 +95,16 @@ Contents parse(std::string_view text) {
         contents.kind = Contents::Kind::missing;
         return contents;
     }
+    contents.kind = Contents::Kind::unreadable;
+    // The parser recurses once per level: a file nested thousands deep would exhaust the stack.
+    if (JsonText::nestedDeeperThan(text, kMaxDepth)) {
+        contents.why = "nests deeper than " + std::to_string(kMaxDepth) + " levels";
+        return contents;
+    }
     Json parsed = Json::parse(withoutTrailingCommas(text), nullptr, /*allow_exceptions=*/false,
                               /*ignore_comments=*/false);
     if (parsed.is_discarded() || !parsed.is_object()) {
-        contents.kind = Contents::Kind::unreadable;
+        contents.why = "isn't valid JSON";  // a top-level array or scalar too: we only edit objects
         return contents;
     }
     contents.kind = Contents::Kind::object;
@@ -102,14 +113,14 @@ Contents parse(std::string_view text) {
 }
 
 Contents load(const fs::path& file) {
-    std::error_code ec;
-    if (!fs::exists(file, ec)) {
-        if (fs::is_symlink(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}};
+    auto read = FileUtil::read(file);
+    if (read.missing()) {
+        std::error_code ec;
+        if (fs::is_symlink(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}, "is a link to nothing"};
         return Contents{};
     }
-    auto text = FileUtil::readFile(file);
-    if (!text || fs::is_directory(file, ec)) return Contents{Contents::Kind::unreadable, Json::object(), {}};
-    return parse(*text);
+    if (!read.ok()) return Contents{Contents::Kind::unreadable, Json::object(), {}, "can't be read (" + read.why + ")"};
+    return parse(read.text);
 }
 
 fs::path backupURL(const fs::path& file) { return fs::path(file.string() + ".notch-backup"); }
@@ -118,24 +129,36 @@ std::string serialise(const Json& object, const WriteOptions& options) {
     Layout layout = layoutOf(options.layoutFrom);
     std::string out = object.dump(layout.width, layout.fill, /*ensure_ascii=*/false, Json::error_handler_t::replace);
     if (layout.finalNewline) out += '\n';
-    return out;
-}
-
-bool writeText(std::string_view text, const fs::path& file) {
-    std::error_code ec;
-    bool exists = fs::exists(file, ec);
-    if (exists) {
-        auto current = FileUtil::readFile(file);
-        if (!current) return false;
-        if (*current == text) return true;
-        if (!FileUtil::writeAtomically(backupURL(file), *current, 0600)) return false;
-    } else {
-        fs::create_directories(file.parent_path(), ec);
+    if (!layout.crlf) return out;
+    // Line breaks in the output are all structural: strings carry theirs escaped.
+    std::string crlf;
+    crlf.reserve(out.size() + out.size() / 16);
+    for (char c : out) {
+        if (c == '\n') crlf += '\r';
+        crlf += c;
     }
-    return FileUtil::writeAtomically(file, text, 0644).ok;
+    return crlf;
 }
 
-bool write(const Json& object, const fs::path& file, const WriteOptions& options) {
+Status writeText(std::string_view text, const fs::path& file) {
+    auto current = FileUtil::read(file);
+    if (current.ok()) {
+        if (current.text == text) return Status::success();
+        Status saved = FileUtil::writeAtomically(backupURL(file), current.text, 0600);
+        if (!saved) return Status::failure("can't back up " + HookProviders::displayPath(file) + ": " + saved.why);
+    } else if (current.missing()) {
+        std::error_code ec;
+        fs::create_directories(file.parent_path(), ec);
+        if (ec) return Status::failure("can't create " + HookProviders::displayPath(file.parent_path()) + ": " + ec.message());
+    } else {
+        return Status::failure(HookProviders::displayPath(file) + " can't be read (" + current.why + ") — left alone");
+    }
+    Status written = FileUtil::writeAtomically(file, text, 0644);
+    if (!written) return Status::failure("can't write " + HookProviders::displayPath(file) + ": " + written.why);
+    return written;
+}
+
+Status write(const Json& object, const fs::path& file, const WriteOptions& options) {
     return writeText(serialise(object, options), file);
 }
 

@@ -1,10 +1,8 @@
 #include "lumora/hooks/kimi_hooks.hpp"
 
-#include <spdlog/spdlog.h>
-
 #include "lumora/base/file_util.hpp"
+#include "lumora/hooks/hook_providers.hpp"
 #include "lumora/hooks/toml_text_edits.hpp"
-#include "lumora/platform/paths.hpp"
 
 namespace lumora::KimiHooks {
 
@@ -26,25 +24,28 @@ std::string literalString(const std::string& value) {
     return Toml::basicString(value);
 }
 
-std::optional<std::string> readConfig() {
-    std::error_code ec;
-    if (!fs::exists(configPath(), ec)) return std::string();
-    return FileUtil::readFile(configPath());
-}
+const HookProviders::Provider& provider() { return HookProviders::of(HookProviders::Agent::kimi); }
 
 std::string rtrimmed(std::string s) {
     while (!s.empty() && (s.back() == '\n' || s.back() == ' ' || s.back() == '\t' || s.back() == '\r')) s.pop_back();
     return s;
 }
 
-bool writeConfig(const std::string& current, const std::string& text) {
-    if (text == current) return true;
-    std::error_code ec;
-    if (fs::exists(configPath(), ec)) {
-        if (!FileUtil::writeAtomically(JSONConfigFile::backupURL(configPath()), current, 0600)) return false;
+Status writeConfig(const ConfigText& current, const std::string& text) {
+    if (current.exists && text == current.text) return Status::success();
+    if (current.exists) {
+        Status saved = FileUtil::writeAtomically(JSONConfigFile::backupURL(configPath()), current.text, 0600);
+        if (!saved) return Status::failure("can't back up " + displayPath(configPath()) + ": " + saved.why);
     }
+    std::error_code ec;
     fs::create_directories(configPath().parent_path(), ec);
-    return FileUtil::writeAtomically(configPath(), text, 0644).ok;
+    Status written = FileUtil::writeAtomically(configPath(), text, 0644);
+    if (!written) return Status::failure("can't write " + displayPath(configPath()) + ": " + written.why);
+    return written;
+}
+
+std::string installed(const std::string& config, const fs::path& interpreter) {
+    return Toml::appendBlock(removingManagedSection(config), managedSection(interpreter));
 }
 
 }  // namespace
@@ -59,12 +60,12 @@ const std::vector<EventSpec>& eventSpecs() {
     return specs;
 }
 
-fs::path programPath() { return Paths::kimiHome() / "notch-kimi-hook.py"; }
-fs::path configPath() { return Paths::kimiHome() / "config.toml"; }
+fs::path programPath() { return HookProviders::programPath(HookProviders::Agent::kimi); }
+fs::path configPath() { return HookProviders::configFiles(HookProviders::Agent::kimi).front(); }
 
 bool agentPresent() {
     std::error_code ec;
-    return fs::is_directory(Paths::kimiHome(), ec);
+    return fs::is_directory(HookProviders::folder(HookProviders::Agent::kimi), ec);
 }
 
 std::string removingManagedSection(const std::string& text) {
@@ -102,7 +103,7 @@ std::string removingManagedSection(const std::string& text) {
 
 std::string managedSection(const fs::path& interpreter) {
     std::string section = std::string(kBeginLine) + "\n";
-    section += std::string("# Live Prompts bridge (") + kVersionMarker + ") — reinstalled by Lumora on launch.\n";
+    section += "# Live Prompts bridge (" + std::string(provider().versionMarker) + ") — reinstalled by Lumora on launch.\n";
     bool first = true;
     for (const auto& spec : eventSpecs()) {
         if (!first) section += "\n";
@@ -116,68 +117,62 @@ std::string managedSection(const fs::path& interpreter) {
     return section;
 }
 
-bool install() {
-    auto config = readConfig();
-    if (!config) {
-        spdlog::warn("Lumora: ~/.kimi-code/config.toml can't be read — leaving it alone, hooks not installed");
-        return false;
-    }
-    bool wasValid = Toml::isValid(*config);
-    if (!wasValid) {
-        spdlog::warn("Lumora: ~/.kimi-code/config.toml isn't valid TOML — leaving it alone, hooks not installed");
-        return false;
-    }
+Status install() {
+    auto config = readConfigText(configPath());
+    if (!config.status) return leftAlone(configPath(), config.status.why);
+    if (!Toml::isValid(config.text)) return leftAlone(configPath(), "isn't valid TOML");
     auto interpreter = python();
-    if (!interpreter) return false;
-    std::string text = Toml::appendBlock(removingManagedSection(*config), managedSection(*interpreter));
-    if (!Toml::isValid(text)) {
-        spdlog::warn("Lumora: ~/.kimi-code/config.toml can't take our hooks as it is — leaving it alone, hooks not installed");
-        return false;
-    }
-    if (!writeProgram(programPath(), programText(kResource))) return false;
-    return writeConfig(*config, text);
+    if (!interpreter) return noPython();
+    std::string text = installed(config.text, *interpreter);
+    if (!Toml::isValid(text)) return leftAlone(configPath(), "can't take our hooks as it is written");
+    if (Status s = writeProgram(programPath(), programText(provider().resource)); !s) return s;
+    return writeConfig(config, text);
 }
 
-bool uninstall() {
-    auto config = readConfig();
-    if (!config) return false;
-    std::string text = removingManagedSection(*config);
-    if (text == *config) return true;
+Status uninstall() {
+    auto config = readConfigText(configPath());
+    if (!config.status) return leftAlone(configPath(), config.status.why, false);
+    std::string text = removingManagedSection(config.text);
+    if (text == config.text) return Status::success();
     fs::path backup = JSONConfigFile::backupURL(configPath());
     auto old = FileUtil::readFile(backup);
     if (old && *old != text && rtrimmed(*old) == rtrimmed(text) && old->find(kBeginLine) == std::string::npos) {
         text = *old;
     }
-    std::error_code ec;
     if (!old && rtrimmed(text).empty()) {
+        std::error_code ec;
         fs::remove(configPath(), ec);
-        return !ec;
+        if (ec) return Status::failure("can't remove " + displayPath(configPath()) + ": " + ec.message());
+        return Status::success();
     }
-    return writeConfig(*config, text);
+    return writeConfig(config, text);
 }
 
 bool hasOurEntries() {
-    auto config = readConfig();
-    return config && removingManagedSection(*config) != *config;
+    auto config = readConfigText(configPath());
+    return config.status && removingManagedSection(config.text) != config.text;
 }
 
 bool isInstalled() {
-    if (!holdsMarker(programPath(), kVersionMarker)) return false;
+    if (!holdsText(programPath(), programText(provider().resource))) return false;
     auto interpreter = python();
-    auto config = readConfig();
-    return interpreter && config && config->find(managedSection(*interpreter)) != std::string::npos;
+    auto config = readConfigText(configPath());
+    return interpreter && config.status && installed(config.text, *interpreter) == config.text;
 }
 
 std::vector<std::string> plannedChanges() {
-    auto config = readConfig();
-    if (!config || !Toml::isValid(*config)) return {"none: ~/.kimi-code/config.toml isn't valid TOML and would be left alone"};
+    auto config = readConfigText(configPath());
+    if (!config.status) return {"none: " + displayPath(configPath()) + " " + config.status.why + " and would be left alone"};
+    if (!Toml::isValid(config.text)) return {"none: " + displayPath(configPath()) + " isn't valid TOML and would be left alone"};
     auto interpreter = python();
     if (!interpreter) return {"none: no usable python3"};
     std::vector<std::string> changes;
-    if (!holdsMarker(programPath(), kVersionMarker)) changes.push_back("write " + displayPath(programPath()));
-    std::string text = Toml::appendBlock(removingManagedSection(*config), managedSection(*interpreter));
-    if (text != *config) changes.push_back("rewrite the managed section of " + displayPath(configPath()));
+    if (!holdsText(programPath(), programText(provider().resource))) changes.push_back("write " + displayPath(programPath()));
+    if (installed(config.text, *interpreter) != config.text)
+        changes.push_back("rewrite the managed section of " + displayPath(configPath()));
     return changes;
 }
+
+std::vector<fs::path> backups() { return {JSONConfigFile::backupURL(configPath())}; }
 
 }  // namespace lumora::KimiHooks

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "lumora/base/status.hpp"
 #include "lumora/hooks/hook_config_edits.hpp"
 
 // Kimi's hooks: the program ~/.kimi-code/notch-kimi-hook.py and a managed
@@ -13,8 +14,6 @@ namespace lumora::KimiHooks {
 
 namespace fs = std::filesystem;
 
-inline constexpr const char* kVersionMarker = "notch-kimi-hook v2";
-inline constexpr const char* kResource = "notch-kimi-hook.py";
 inline constexpr const char* kBeginLine = "# ── managed by Lumora — begin (do not edit) ──";
 inline constexpr const char* kEndLine = "# ── managed by Lumora — end ──";
 
@@ -25,14 +24,19 @@ fs::path configPath();   // ~/.kimi-code/config.toml
 
 // The text without the managed section (and the blank line we put before it).
 std::string removingManagedSection(const std::string& text);
-// The managed section for this interpreter, begin and end lines included.
+// The managed section for this interpreter, begin and end lines included
+// (lines end in "\n"; a file written with "\r\n" gets them so).
 std::string managedSection(const fs::path& interpreter);
 
-bool install();
-bool uninstall();
+// Writes the program and rebuilds the managed section; fails, saying why,
+// leaving config.toml as it was when it cannot be read or parsed.
+Status install();
+// Takes the managed section out again.
+Status uninstall();
 bool isInstalled();
 bool agentPresent();
 bool hasOurEntries();
 std::vector<std::string> plannedChanges();
+std::vector<fs::path> backups();
 
 }  // namespace lumora::KimiHooks

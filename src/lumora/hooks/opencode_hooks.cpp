@@ -3,11 +3,14 @@
 #include "lumora/base/file_util.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
 #include "lumora/hooks/hook_config_edits.hpp"
+#include "lumora/hooks/hook_providers.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora::OpenCodeHooks {
 
 namespace {
+
+const HookProviders::Provider& provider() { return HookProviders::of(HookProviders::Agent::openCode); }
 
 std::string jsString(const std::string& value) {
     std::string out = "\"";
@@ -24,10 +27,10 @@ std::string jsString(const std::string& value) {
 
 }  // namespace
 
-fs::path pluginPath() { return Paths::openCodeConfig() / "plugins" / "lumora.js"; }
+fs::path pluginPath() { return HookProviders::programPath(HookProviders::Agent::openCode); }
 
 std::string pluginText(const fs::path& socket) {
-    auto body = EmbeddedResources::text(kResource);
+    auto body = EmbeddedResources::text(provider().resource);
     if (!body) return {};
     std::string text(*body);
     const std::string placeholder = "const SOCKET = \"\";";
@@ -41,38 +44,27 @@ bool agentPresent() {
     return fs::is_directory(Paths::openCodeConfig(), ec) || fs::is_directory(Paths::openCodeData(), ec);
 }
 
-bool install() {
-    if (!agentPresent()) return false;
-    std::string text = pluginText(Paths::socketPath());
-    if (text.empty()) return false;
-    std::error_code ec;
-    fs::create_directories(pluginPath().parent_path(), ec);
-    auto current = FileUtil::readFile(pluginPath());
-    if (current && *current == text) return true;
-    return FileUtil::writeAtomically(pluginPath(), text, 0644).ok;
+Status install() {
+    if (!agentPresent()) return Status::failure("OpenCode isn't on this machine");
+    return HookConfigEdits::writeProgram(pluginPath(), pluginText(Paths::socketPath()), 0644);
 }
 
-bool uninstall() {
+Status uninstall() {
     std::error_code ec;
-    if (!fs::exists(pluginPath(), ec)) return true;
     fs::remove(pluginPath(), ec);
-    return !ec;
+    if (ec) return Status::failure("can't remove " + HookConfigEdits::displayPath(pluginPath()) + ": " + ec.message());
+    return Status::success();
 }
 
-bool isInstalled() {
-    auto text = FileUtil::readFile(pluginPath());
-    return text && text->rfind(std::string(kMarker) + " ", 0) == 0;
-}
+bool isInstalled() { return HookConfigEdits::holdsText(pluginPath(), pluginText(Paths::socketPath())); }
 
 bool hasOurEntries() {
     std::error_code ec;
-    return fs::exists(pluginPath(), ec);
+    return fs::exists(fs::symlink_status(pluginPath(), ec));
 }
 
 std::vector<std::string> plannedChanges() {
-    if (!agentPresent()) return {};
-    auto current = FileUtil::readFile(pluginPath());
-    if (current && *current == pluginText(Paths::socketPath())) return {};
+    if (!agentPresent() || isInstalled()) return {};
     return {"write " + HookConfigEdits::displayPath(pluginPath())};
 }
 

@@ -4,15 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "lumora/base/status.hpp"
+
 // OpenCode's plugin: ~/.config/opencode/plugins/lumora.js. OpenCode loads
 // every plugin in that folder, so no configuration file is edited.
 namespace lumora::OpenCodeHooks {
 
 namespace fs = std::filesystem;
-
-inline constexpr const char* kVersion = "v2";
-inline constexpr const char* kMarker = "// lumora-opencode v2";
-inline constexpr const char* kResource = "lumora-opencode.js";
 
 fs::path pluginPath();
 
@@ -20,10 +18,10 @@ fs::path pluginPath();
 std::string pluginText(const fs::path& socket);
 
 // Writes the plugin when OpenCode's config or data folder exists.
-bool install();
+Status install();
 // Removes the plugin file.
-bool uninstall();
-// The plugin exists and starts with the current marker.
+Status uninstall();
+// The plugin is the current one (same text, same socket).
 bool isInstalled();
 bool agentPresent();
 bool hasOurEntries();

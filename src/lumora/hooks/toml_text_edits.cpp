@@ -34,6 +34,17 @@ std::string trimmed(std::string_view s) {
 
 bool isBlank(std::string_view line) { return trimmed(line).empty(); }
 
+// `lines` (each ending in "\n") written with the text's own line ending.
+std::string withEol(std::string_view lines, std::string_view eol) {
+    if (eol == "\n") return std::string(lines);
+    std::string out;
+    for (char c : lines) {
+        if (c == '\n') out += eol;
+        else out += c;
+    }
+    return out;
+}
+
 // Which lines sit inside a multi-line string (and so are neither headers nor keys).
 std::vector<bool> insideMultiline(const std::vector<std::string>& lines) {
     std::vector<bool> inside(lines.size(), false);
@@ -203,11 +214,17 @@ std::string normalisedHeader(std::string_view line) {
     return out;
 }
 
+std::string lineEnding(std::string_view text) {
+    size_t eol = text.find('\n');
+    return eol != std::string_view::npos && eol > 0 && text[eol - 1] == '\r' ? "\r\n" : "\n";
+}
+
 std::string appendBlock(std::string_view text, std::string_view block) {
+    std::string eol = lineEnding(text);
     std::string out(text);
-    if (!out.empty() && out.back() != '\n') out += '\n';
-    if (!out.empty()) out += '\n';
-    out += block;
+    if (!out.empty() && out.back() != '\n') out += eol;
+    if (!out.empty()) out += eol;
+    out += withEol(block, eol);
     return out;
 }
 
@@ -215,15 +232,18 @@ std::string setKey(std::string_view text, const std::string& header, const std::
     auto lines = splitLines(text);
     auto inside = insideMultiline(lines);
     auto table = findTable(lines, inside, header);
-    std::string line = key + " = " + value + "\n";
-    if (!table) return appendBlock(text, header + "\n" + line);
+    std::string eol = lineEnding(text);
+    std::string line = key + " = " + value;
+    if (!table) return appendBlock(text, header + "\n" + line + "\n");
     if (auto at = findKey(lines, inside, *table, key)) {
         if (valueOf(lines[*at]) == value) return std::string(text);
-        bool hadNewline = !lines[*at].empty() && lines[*at].back() == '\n';
-        lines[*at] = hadNewline ? line : line.substr(0, line.size() - 1);
+        std::string& old = lines[*at];
+        size_t end = old.size();
+        while (end > 0 && (old[end - 1] == '\n' || old[end - 1] == '\r')) --end;
+        old = line + old.substr(end);  // the line keeps its own ending
     } else {
-        if (lines[table->header].back() != '\n') lines[table->header] += '\n';
-        lines.insert(lines.begin() + static_cast<long>(table->header) + 1, line);
+        if (lines[table->header].back() != '\n') lines[table->header] += eol;
+        lines.insert(lines.begin() + static_cast<long>(table->header) + 1, line + eol);
     }
     return join(lines);
 }
@@ -259,8 +279,9 @@ std::string insertInTable(std::string_view text, const std::string& header, cons
     auto inside = insideMultiline(lines);
     auto table = findTable(lines, inside, header);
     if (!table) return appendBlock(text, header + "\n" + line + "\n");
-    if (lines[table->header].back() != '\n') lines[table->header] += '\n';
-    lines.insert(lines.begin() + static_cast<long>(table->header) + 1, line + "\n");
+    std::string eol = lineEnding(text);
+    if (lines[table->header].back() != '\n') lines[table->header] += eol;
+    lines.insert(lines.begin() + static_cast<long>(table->header) + 1, line + eol);
     return join(lines);
 }
 

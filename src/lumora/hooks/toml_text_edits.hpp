@@ -8,7 +8,8 @@
 // Line-level edits of TOML files that keep every byte the user wrote: a table
 // is found by its header line, a key by its line inside the table, and what
 // we add is appended as a block of its own (one blank line before it) that
-// the matching removal takes out again, blank line included.
+// the matching removal takes out again, blank line included. Lines we add end
+// the way the file's lines end ("\r\n" in a file written that way).
 namespace lumora::TomlTextEdits {
 
 // True when the text parses as TOML.
@@ -47,8 +48,12 @@ std::string removeLine(std::string_view text, std::string_view line);
 // Removes the table with this header, with the blank line before it, when it holds no line but blanks.
 std::string removeTableIfEmpty(std::string_view text, const std::string& header);
 
-// Appends a block (lines ending in newlines), separated by one blank line
-// from what precedes it; a text without a final newline gets one first.
+// The text's line ending: "\r\n" when its first line ends so, else "\n".
+std::string lineEnding(std::string_view text);
+
+// Appends a block (lines ending in "\n", written with the text's own line
+// ending), separated by one blank line from what precedes it; a text without
+// a final newline gets one first.
 std::string appendBlock(std::string_view text, std::string_view block);
 
 }  // namespace lumora::TomlTextEdits

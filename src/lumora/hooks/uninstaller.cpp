@@ -3,12 +3,7 @@
 #include <functional>
 
 #include "lumora/base/defaults_store.hpp"
-#include "lumora/hooks/attention_hooks.hpp"
-#include "lumora/hooks/codex_hooks.hpp"
-#include "lumora/hooks/cursor_hooks.hpp"
-#include "lumora/hooks/hook_config_edits.hpp"
-#include "lumora/hooks/kimi_hooks.hpp"
-#include "lumora/hooks/opencode_hooks.hpp"
+#include "lumora/hooks/hook_installation.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora::Uninstaller {
@@ -28,17 +23,17 @@ struct Runner {
     std::vector<Step> steps;
 
     // A step that is present when `present` says so and is carried out by `remove`.
-    void step(const std::string& name, bool present, const std::function<bool()>& remove,
+    void step(const std::string& name, bool present, const std::function<Status()>& remove,
               const std::string& failure = {}) {
         Step s{name, Outcome::notPresent, {}};
         if (present) {
             if (dryRun) {
                 s.outcome = Outcome::wouldRemove;
-            } else if (remove()) {
+            } else if (Status done = remove(); done) {
                 s.outcome = Outcome::done;
             } else {
                 s.outcome = Outcome::failed;
-                s.note = failure;
+                s.note = failure.empty() ? done.why : failure + ": " + done.why;
             }
         }
         out << label(s.outcome) << s.name;
@@ -51,7 +46,7 @@ struct Runner {
         step(name, isThere(p), [&] {
             std::error_code ec;
             fs::remove(p, ec);
-            return !ec;
+            return ec ? Status::failure(ec.message()) : Status::success();
         });
     }
 
@@ -59,7 +54,7 @@ struct Runner {
         step(name, isThere(p), [&] {
             std::error_code ec;
             fs::remove_all(p, ec);
-            return !ec;
+            return ec ? Status::failure(ec.message()) : Status::success();
         });
     }
 };
@@ -79,52 +74,54 @@ std::string label(Outcome outcome) {
 std::vector<Step> run(bool dryRun, std::ostream& out, DefaultsStore* store) {
     out << (dryRun ? "Lumora uninstall — DRY RUN (nothing will be touched)" : "Removing Lumora…") << "\n";
     Runner r{dryRun, out, {}};
-    const std::string revertFailed = "hook config revert failed";
+    const auto& installers = HookInstallation::installers();
 
-    r.step("Claude Code hook config (~/.claude/settings.json)", AttentionHooks::hasOurEntries(),
-           AttentionHooks::uninstall, revertFailed);
-    r.step("Cursor hook config (~/.cursor/hooks.json)", CursorHooks::hasOurEntries(), CursorHooks::uninstall,
-           revertFailed);
-    r.step("Codex hook config (~/.codex/hooks.json + config.toml)", CodexHooks::hasOurEntries(),
-           CodexHooks::uninstall, revertFailed);
-    r.step("Kimi hook config (~/.kimi-code/config.toml)", KimiHooks::hasOurEntries(), KimiHooks::uninstall,
-           revertFailed);
-
-    r.file("Claude Code bridge script", AttentionHooks::programPath());
-    r.file("Cursor bridge script", CursorHooks::programPath());
-    r.file("Codex bridge script", CodexHooks::programPath());
-    r.file("Kimi bridge script", KimiHooks::programPath());
-    r.file("OpenCode plugin (" + HookConfigEdits::displayPath(OpenCodeHooks::pluginPath()) + ")",
-           OpenCodeHooks::pluginPath());
-
-    auto backups = CodexHooks::configBackups();
-    r.step("config.toml backups", !backups.empty(), [&] {
-        bool ok = true;
+    for (const auto& installer : installers) {
+        const auto& provider = installer.provider();
+        if (provider.configLabel.empty()) continue;
+        r.step(installer.name() + " hook config (" + std::string(provider.configLabel) + ")", installer.hasOurEntries(),
+               installer.uninstall, "hook config revert failed");
+    }
+    for (const auto& installer : installers) {
+        const auto& provider = installer.provider();
+        fs::path program = HookProviders::programPath(installer.agent);
+        std::string name = installer.name() + " " + std::string(provider.programKind);
+        if (provider.configLabel.empty()) name += " (" + HookProviders::displayPath(program) + ")";
+        r.file(name, program);
+    }
+    // The copies taken before each change hold our entries too.
+    std::vector<fs::path> backups;
+    for (const auto& installer : installers) {
+        if (!installer.backups) continue;
+        for (auto& b : installer.backups()) {
+            if (isThere(b)) backups.push_back(std::move(b));
+        }
+    }
+    r.step("config backups (*.notch-backup)", !backups.empty(), [&] {
+        Status status;
         for (const auto& b : backups) {
             std::error_code ec;
             fs::remove(b, ec);
-            ok = ok && !ec;
+            if (ec && status) status = Status::failure(HookProviders::displayPath(b) + ": " + ec.message());
         }
-        return ok;
+        return status;
     }, "could not remove one or more backups");
 
     r.folder("Lumora data (~/.claude/lumora)", Paths::claudeHome() / "lumora");
-    r.folder("App support folder (" + HookConfigEdits::displayPath(Paths::supportFolder()) + ")",
+    r.folder("App support folder (" + HookProviders::displayPath(Paths::supportFolder()) + ")",
              Paths::supportFolder());
     // Linux has no login item and no platform permission for Lumora to hold.
-    r.step("Login item", false, [] { return true; });
-    r.step("Automation permission (click-to-jump)", false, [] { return true; });
+    r.step("Login item", false, [] { return Status::success(); });
+    r.step("Automation permission (click-to-jump)", false, [] { return Status::success(); });
 
     auto& defaults = store ? *store : DefaultsStore::shared();
-    bool hasDefaults = isThere(defaults.file());
-    if (dryRun) {
-        r.step("User defaults (" + HookConfigEdits::displayPath(defaults.file()) + ")", hasDefaults, [] { return true; });
-    } else {
-        defaults.removeAll();
-        std::error_code ec;
-        fs::remove(defaults.file(), ec);
-        out << "UserDefaults wiped.\n";
-    }
+    fs::path file = defaults.file();
+    bool hasDefaults = isThere(file) || isThere(file.string() + ".lock") || isThere(file.string() + ".corrupt");
+    r.step("User defaults (" + HookProviders::displayPath(file) + " and its lock file)", hasDefaults,
+           [&] { return defaults.erase(); });
+    if (!dryRun && r.steps.back().outcome != Outcome::failed) out << "UserDefaults wiped.\n";
+    out << "Kept: your own configuration files (settings.json, hooks.json, config.toml), with only our entries "
+           "taken out.\n";
     out << "Lumora holds no platform permission on Linux (click-to-jump needs none), so there is nothing to "
            "revoke in the system settings.\n";
     return r.steps;
