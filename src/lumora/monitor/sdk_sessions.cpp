@@ -1,14 +1,15 @@
 #include "lumora/monitor/sdk_sessions.hpp"
 
 #include <algorithm>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
 
 #include "lumora/base/defaults_store.hpp"
+#include "lumora/base/json_text.hpp"
 #include "lumora/platform/paths.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "scrivet/journal_entry.hpp"
+#include "scrivet/regular_file.hpp"
 #include "scrivet/tail_reader.hpp"
 
 namespace lumora {
@@ -70,20 +71,18 @@ std::string lastComponent(const std::string& path) {
 }  // namespace
 
 std::optional<Head> readHead(const fs::path& transcript) {
-    std::ifstream in(transcript, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::string buf(kHeadBytes, '\0');
-    in.read(buf.data(), static_cast<std::streamsize>(buf.size()));
-    buf.resize(static_cast<size_t>(in.gcount()));
+    auto head = scrivet::RegularFile::readHead(transcript, kHeadBytes);
+    if (!head) return std::nullopt;
+    const std::string& buf = *head;
     std::optional<std::string> cwd;
     size_t pos = 0;
     while (pos < buf.size()) {
         size_t nl = buf.find('\n', pos);
         if (nl == std::string::npos) break;  // a cut last line is not read
-        auto j = nlohmann::json::parse(buf.begin() + static_cast<long>(pos), buf.begin() + static_cast<long>(nl),
-                                       nullptr, false);
+        auto parsed = JsonText::parse(std::string_view(buf).substr(pos, nl - pos));
         pos = nl + 1;
-        if (!j.is_object()) continue;
+        if (!parsed || !parsed->is_object()) continue;
+        const auto& j = *parsed;
         if (!cwd) {
             if (auto it = j.find("cwd"); it != j.end() && it->is_string()) cwd = it->get<std::string>();
         }
