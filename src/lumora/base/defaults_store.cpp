@@ -44,6 +44,13 @@ void DefaultsStore::refreshIfChanged() const {
     if (now == stamp_) return;
     cache_ = load(file_);
     stamp_ = now;
+    ++revision_;
+}
+
+uint64_t DefaultsStore::revision() const {
+    std::lock_guard lock(mutex_);
+    refreshIfChanged();
+    return revision_;
 }
 
 bool DefaultsStore::contains(const std::string& key) const { return value(key).has_value(); }
