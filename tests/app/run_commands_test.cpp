@@ -93,12 +93,13 @@ struct Running {
     pid_t pid = -1;
     fs::path output;
     Running(const std::string& args, const fs::path& out) : output(out) {
+        const std::string binary = lumoraBinary().string();  // nothing is allocated after fork
         pid = ::fork();
         if (pid == 0) {
             int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             ::dup2(fd, STDOUT_FILENO);
             ::dup2(fd, STDERR_FILENO);
-            ::execl(lumoraBinary().c_str(), "lumora", args.c_str(), static_cast<char*>(nullptr));
+            ::execl(binary.c_str(), "lumora", args.c_str(), static_cast<char*>(nullptr));
             ::_exit(127);
         }
     }

@@ -8,6 +8,7 @@
 
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/claude_session_index.hpp"
+#include "scrivet/claude_journal_builder.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "support/test_support.hpp"
 
@@ -424,29 +425,49 @@ TEST(SessionDerivation, StatusesThatDoNotLie) {
 }
 
 TEST(SessionDerivation, TheIndexWaitingOnAPermissionNamesTheRealCommand) {
-    // The real files of a session caught while its permission dialog was open.
+    // A session caught while its permission dialog is open: the index file
+    // says it waits, the journal ends on the dangling call.
+    lumora::test::TempDir dir;
+    auto check = [&](const std::string& indexFile, const std::string& journalText) {
+        auto record = ClaudeSessionIndex::parse(indexFile);
+        ASSERT_TRUE(record && record->statusUpdatedAt);
+        auto journal = dir / "journal.jsonl";
+        lumora::test::writeFile(journal, journalText);
+        auto info = scrivet::ClaudeTranscriptReader::info(journal, record->cwd, dir / "none.json");
+        ASSERT_TRUE(info);
+        auto obs = observe(record->sessionId, info);
+        obs.selfReport = SessionObservation::SelfReport{*record->status, record->waitingFor, record->statusUpdatedAt};
+        SessionDerivation::Memo memo;
+        auto a = SessionDerivation::derive(obs, {}, memo, *record->statusUpdatedAt + 5s, {});
+        EXPECT_EQ(a.status, AgentStatus::attention);
+        ASSERT_TRUE(a.approval);
+        EXPECT_EQ(a.approval->toolName, "Bash");
+        EXPECT_EQ(a.approval->detail, "touch harness-made.txt");
+    };
+
+    // Built in the shape of the real files.
+    const std::string session = "2ba08b56-cdd6-4cd6-a287-5b0a4ea9a300";
+    lumora::test::ClaudeJournal j(session);
+    j.boot().prompt("make the file");
+    j.toolCall("toolu_1", "Bash", {{"command", "touch harness-made.txt"}, {"description", "Create the file"}},
+               "I'll run a shell command.");
+    j.raw({{"type", "last-prompt"}, {"lastPrompt", "make the file"}, {"sessionId", session}});
+    nlohmann::json index = {{"pid", 4788}, {"sessionId", session}, {"cwd", "/home/dev/proj.app"},
+                            {"startedAt", 1795308445670}, {"procStart", "334822"}, {"version", "2.1.330"},
+                            {"kind", "interactive"}, {"entrypoint", "cli"}, {"tmux", "h:@0.%0"},
+                            {"status", "waiting"}, {"updatedAt", 1795308450329}, {"statusUpdatedAt", 1795308450329},
+                            {"waitingFor", "permission prompt"}};
+    check(index.dump(), j.text());
+
+    // The real files, when they are beside the repository.
     auto samples = lumora::test::samplesDir() / "claude";
     if (!std::filesystem::exists(samples)) GTEST_SKIP() << "no agent samples at " << samples;
-    lumora::test::TempDir dir;
     auto snapshots = nlohmann::json::parse(lumora::test::readFile(samples / "session-index-snapshots.json"));
-    auto record = ClaudeSessionIndex::parse(snapshots["sessions_while_running"]["4788.json"].dump());
-    ASSERT_TRUE(record);
-    auto journal = dir / "journal.jsonl";
-    std::ifstream in(samples / "home/.claude/projects/-home-dev-proj-app" / (record->sessionId + ".jsonl"));
+    std::ifstream in(samples / "home/.claude/projects/-home-dev-proj-app" / (session + ".jsonl"));
     std::string text;
-    for (std::string line; text.size() < 200000 && std::getline(in, line);) {
+    for (std::string line; std::getline(in, line);) {
         text += line + "\n";
         if (line.find("\"tool_use\"") != std::string::npos && line.find("\"Bash\"") != std::string::npos) break;
     }
-    lumora::test::writeFile(journal, text);
-    auto info = scrivet::ClaudeTranscriptReader::info(journal, record->cwd, dir / "none.json");
-    ASSERT_TRUE(info);
-    auto obs = observe(record->sessionId, info);
-    obs.selfReport = SessionObservation::SelfReport{*record->status, record->waitingFor, record->statusUpdatedAt};
-    SessionDerivation::Memo memo;
-    auto a = SessionDerivation::derive(obs, {}, memo, *record->statusUpdatedAt + 5s, {});
-    EXPECT_EQ(a.status, AgentStatus::attention);
-    ASSERT_TRUE(a.approval);
-    EXPECT_EQ(a.approval->toolName, "Bash");
-    EXPECT_EQ(a.approval->detail, "touch harness-made.txt");
+    check(snapshots["sessions_while_running"]["4788.json"].dump(), text);
 }

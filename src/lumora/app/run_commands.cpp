@@ -52,10 +52,12 @@ Json opt(const std::optional<T>& v) {
     return v ? Json(*v) : Json(nullptr);
 }
 
-// How long a stop may take once asked for (held prompts answered, state
-// saved, threads joined) before the process ends anyway: a worker stuck in a
-// read of a file system that hangs must not keep us alive.
+// How long a stop that a signal asked for may take (held prompts answered,
+// state saved, threads joined) before the process ends anyway: a worker stuck
+// in a read of a file system that hangs must not keep us alive. A quit from
+// the keyboard gets longer, but still ends.
 constexpr auto kStopDeadline = std::chrono::milliseconds(1500);
+constexpr auto kQuitDeadline = std::chrono::milliseconds(15000);
 
 // Ends the process `after` from now unless it has ended by then.
 void exitAfter(std::chrono::milliseconds after, int code) {
@@ -215,7 +217,7 @@ int interactive() {
     app.start(true);
     ui::TerminalViewOptions options;
     options.onQuit = [&] {
-        exitAfter(kStopDeadline, 0);  // however the view ends, stopping may not hang
+        exitAfter(ui::quitBySignal() ? kStopDeadline : kQuitDeadline, 0);  // stopping may not hang
         app.stop();
     };
     options.settings = [&app] { return viewSettings(app.settings()); };
