@@ -27,7 +27,12 @@ std::optional<std::string> text(const Json& j, const char* key) {
 std::optional<Date> millis(const Json& j, const char* key) {
     auto it = j.find(key);
     if (it == j.end() || !it->is_number()) return std::nullopt;
-    return Date(std::chrono::milliseconds(it->get<int64_t>()));
+    // Milliseconds since 1970 that a clock of nanoseconds can hold (to 2255):
+    // anything else is no time this file could carry.
+    constexpr double kLatest = 9e12;
+    double ms = it->get<double>();
+    if (!(ms >= 0 && ms <= kLatest)) return std::nullopt;
+    return Date(std::chrono::milliseconds(static_cast<int64_t>(ms)));
 }
 
 std::optional<uint64_t> ticks(const Json& j, const char* key) {

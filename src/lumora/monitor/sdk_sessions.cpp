@@ -174,14 +174,22 @@ void SDKHostMemory::load() {
     if (!stored) return;
     for (const auto& [id, v] : stored->items()) {
         if (!v.is_object()) continue;
-        auto kind = kindFromName(v.value("kind", ""));
+        // A hand-edited file may hold anything: every field is checked before it is read.
+        auto text = [&](const char* key) -> std::optional<std::string> {
+            auto it = v.find(key);
+            if (it == v.end() || !it->is_string()) return std::nullopt;
+            return it->get<std::string>();
+        };
+        auto kind = kindFromName(text("kind").value_or(""));
         auto seen = v.find("lastSeen");
         if (!kind || seen == v.end() || !seen->is_number()) continue;
+        double ms = seen->get<double>();
+        if (!(ms >= 0 && ms <= 9e12)) continue;  // no time a clock of nanoseconds holds
         Entry e;
         e.host.kind = *kind;
-        e.host.appName = v.value("appName", "");
-        if (auto b = v.find("bundleID"); b != v.end() && b->is_string()) e.host.bundleID = b->get<std::string>();
-        e.lastSeen = Date(std::chrono::milliseconds(seen->get<int64_t>()));
+        e.host.appName = text("appName").value_or("");
+        e.host.bundleID = text("bundleID");
+        e.lastSeen = Date(std::chrono::milliseconds(static_cast<int64_t>(ms)));
         entries_[id] = std::move(e);
     }
 }
