@@ -154,21 +154,28 @@ void BM_WeekOfSessions_10000(benchmark::State& state) {
             char id[64];
             std::snprintf(id, sizeof id, "%08d-0000-4000-8000-000000000000", i);
             auto journal = folder / (std::string(id) + ".jsonl");
+            using Json = nlohmann::json;
+            std::string session(id);
             std::string launch =
-                R"({"type":"user","message":{"role":"user","content":"audit session )" + std::string(id) + R"("}})" "
-"
-                R"({"type":"assistant","message":{"role":"assistant","stop_reason":"tool_use","content":[{"type":"tool_use","id":"toolu_)" +
-                std::string(id) + R"(","name":"Agent","input":{"description":"Audit","prompt":"Audit part )" + std::string(id) +
-                R"(","subagent_type":"general-purpose"}}]}})" "
-"
-                R"({"type":"user","toolUseResult":{"isAsync":true,"agentId":"a)" + std::string(id) + R"("},"message":{"role":"user","content":"launched"}})" "
-";
+                Json{{"type", "user"}, {"message", {{"role", "user"}, {"content", "audit session " + session}}}}.dump() +
+                "\n" +
+                Json{{"type", "assistant"},
+                     {"message", {{"role", "assistant"}, {"stop_reason", "tool_use"},
+                                  {"content", {{{"type", "tool_use"}, {"id", "toolu_" + session}, {"name", "Agent"},
+                                                {"input", {{"description", "Audit"}, {"prompt", "Audit part " + session},
+                                                           {"subagent_type", "general-purpose"}}}}}}}}}
+                    .dump() +
+                "\n" +
+                Json{{"type", "user"}, {"toolUseResult", {{"isAsync", true}, {"agentId", "a" + session}}},
+                     {"message", {{"role", "user"}, {"content", "launched"}}}}
+                    .dump() +
+                "\n";
             std::ofstream(journal, std::ios::binary) << launch;
             auto agents = folder / id / "subagents";
             fs::create_directories(agents);
             std::ofstream(agents / "agent-a1.jsonl", std::ios::binary)
-                << R"({"type":"user","message":{"role":"user","content":"Audit part )" << id << R"("}})" "
-";
+                << Json{{"type", "user"}, {"message", {{"role", "user"}, {"content", "Audit part " + session}}}}.dump()
+                << "\n";
             for (int look = 0; look < 2; ++look) benchmark::DoNotOptimize(CTR::info(journal, kCwd, config, opts));
             fs::remove_all(folder / id);
             fs::remove(journal);

@@ -18,11 +18,12 @@ ClaudeMonitor::~ClaudeMonitor() {
 
 Date ClaudeMonitor::now() const { return deps_.clock ? deps_.clock() : std::chrono::system_clock::now(); }
 
-// The contract of every call but refreshNow(): the main loop's thread.
-#define LUMORA_ON_LOOP() assert(loop_.isLoopThread() && "ClaudeMonitor is used on the main loop's thread only")
+void ClaudeMonitor::onLoopOnly() const {
+    assert(loop_.isLoopThread() && "ClaudeMonitor is used on the main loop's thread only");
+}
 
 void ClaudeMonitor::start() {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     running_ = true;
     stopped_ = false;
     scheduleRefreshTimer();
@@ -30,7 +31,7 @@ void ClaudeMonitor::start() {
 }
 
 void ClaudeMonitor::stop() {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     running_ = false;
     stopped_ = true;
     ++generation_;
@@ -47,7 +48,7 @@ void ClaudeMonitor::refreshNow() {
 }
 
 void ClaudeMonitor::setSettings(const Settings& s) {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     bool hooksChanged = s.hooksEnabled != settings_.hooksEnabled;
     settings_ = s;
     if (hooksChanged && running_) scheduleRefreshTimer();
@@ -130,14 +131,14 @@ std::vector<AgentInstance> ClaudeMonitor::derive(const RawScan& raw, bool rememb
 }
 
 std::vector<AgentInstance> ClaudeMonitor::scanOnce() {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     RawScan raw;
     queue_->sync([&] { raw = collect(); });
     return derive(raw, false);
 }
 
 void ClaudeMonitor::requestScan() {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     if (stopped_) return;
     if (scanInFlight_) {
         rescanRequested_ = true;
@@ -154,7 +155,7 @@ void ClaudeMonitor::requestScan() {
 }
 
 void ClaudeMonitor::finishScan(RawScan raw, uint64_t generation) {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     if (generation != generation_) {
         // Started before stop(): what it found is not published.
         scanInFlight_ = false;
@@ -232,7 +233,7 @@ void ClaudeMonitor::finishScan(RawScan raw, uint64_t generation) {
 }
 
 void ClaudeMonitor::sawRow(const std::string& sessionId) {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     lastSeenAt_[sessionId] = now();
     unseen_.erase(sessionId);
     auto it = std::find_if(instances_.begin(), instances_.end(), [&](const AgentInstance& a) { return a.id == sessionId; });
@@ -240,7 +241,7 @@ void ClaudeMonitor::sawRow(const std::string& sessionId) {
 }
 
 void ClaudeMonitor::scheduleRefreshTimer() {
-    LUMORA_ON_LOOP();
+    onLoopOnly();
     auto interval = StatusRules::refreshInterval(settings_.hooksEnabled, agentsActive(), lowPower_);
     if (timer_ && scheduledInterval_ && *scheduledInterval_ == interval) return;
     if (timer_) loop_.cancelTimer(*timer_);

@@ -123,6 +123,8 @@ private:
     void emitAlerts(const std::vector<AgentInstance>& next, Date now);
     void scheduleRefreshTimer();
     Date now() const;
+    // The contract of every call but refreshNow(): the main loop's thread (asserted).
+    void onLoopOnly() const;
 
     Dependencies deps_;
     RunLoop& loop_;
