@@ -81,8 +81,8 @@ void stopOnSignals() {
         int sig = 0;
         sigwait(&set, &sig);
         RunLoop::main().stop();
-        auto seconds = std::chrono::duration_cast<std::chrono::nanoseconds>(kStopDeadline);
-        timespec wait{static_cast<time_t>(seconds.count() / 1'000'000'000), static_cast<long>(seconds.count() % 1'000'000'000)};
+        auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(kStopDeadline).count();
+        timespec wait{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
         while (sigtimedwait(&set, nullptr, &wait) < 0 && errno == EINTR) {
         }
         std::_Exit(128 + sig);
