@@ -1,11 +1,10 @@
 #include "scrivet/background_ledger.hpp"
 
-#include <mutex>
 #include <optional>
-#include <unordered_map>
 
 #include "scrivet/claude_transcript_derivation.hpp"
 #include "scrivet/journal_scan.hpp"
+#include "scrivet/recent_cache.hpp"
 
 namespace scrivet {
 
@@ -95,8 +94,10 @@ struct CachedLedger {
     BackgroundLedger ledger;
 };
 
-std::mutex gLedgerLock;
-std::unordered_map<std::string, CachedLedger> gLedgers;
+RecentCache<CachedLedger>& ledgers() {
+    static RecentCache<CachedLedger> cache(kCachedLedgers, kLedgerIdleLife);
+    return cache;
+}
 
 // Advances `ledger` by the complete lines of `file` from `from` on; returns
 // where it stopped, or nothing when the file can't be read.
@@ -108,11 +109,20 @@ std::optional<uint64_t> advanceFromFile(const std::filesystem::path& file, uint6
     });
 }
 
+// Where a fresh ledger starts reading a journal of `size` bytes: the first
+// line of its last kLedgerSeedBytes.
+std::optional<uint64_t> seedStart(const std::filesystem::path& file, uint64_t size) {
+    if (size <= kLedgerSeedBytes) return 0;
+    return JournalScan::nextLineStart(file, size - kLedgerSeedBytes);
+}
+
 }  // namespace
 
 BackgroundLedger seedBackgroundLedger(const std::filesystem::path& file) {
     BackgroundLedger ledger;
-    advanceFromFile(file, 0, ledger);
+    auto size = scrivet::stamp(file);
+    auto from = size ? seedStart(file, size->size) : std::nullopt;
+    if (from) advanceFromFile(file, *from, ledger);
     return ledger;
 }
 
@@ -120,21 +130,21 @@ BackgroundTasks outstandingBackgroundTasks(const std::filesystem::path& file) {
     auto key = file.string();
     auto now = scrivet::stamp(file);
     if (!now) {
-        std::lock_guard lock(gLedgerLock);
-        gLedgers.erase(key);
+        ledgers().erase(key);
         return {};
     }
-    std::optional<CachedLedger> cached;
-    {
-        std::lock_guard lock(gLedgerLock);
-        if (auto it = gLedgers.find(key); it != gLedgers.end()) cached = it->second;
-    }
+    auto cached = ledgers().get(key);
     // The same file, grown or unchanged, still ending a line where the last
     // scan stopped: advance. Anything else (shorter, replaced): seed afresh.
     bool reuse = cached && cached->stamp.device == now->device && cached->stamp.inode == now->inode &&
                  now->size >= cached->scanned &&
                  (cached->stamp == *now || JournalScan::endsLineAt(file, cached->scanned));
     CachedLedger state = reuse ? std::move(*cached) : CachedLedger{};
+    if (!reuse) {
+        auto from = seedStart(file, now->size);
+        if (!from) return {};
+        state.scanned = *from;
+    }
     if (!reuse || state.stamp != *now) {
         auto end = advanceFromFile(file, state.scanned, state.ledger);
         if (!end) return {};
@@ -143,10 +153,7 @@ BackgroundTasks outstandingBackgroundTasks(const std::filesystem::path& file) {
     }
     BackgroundTasks out{static_cast<int>(state.ledger.pending.size()), state.ledger.pending,
                         state.ledger.pendingShells()};
-    {
-        std::lock_guard lock(gLedgerLock);
-        gLedgers[key] = std::move(state);
-    }
+    ledgers().put(key, std::move(state));
     return out;
 }
 
@@ -154,10 +161,9 @@ std::set<std::string> backgroundTasks(const std::filesystem::path& file) {
     return outstandingBackgroundTasks(file).pending;
 }
 
-void resetBackgroundLedgers() {
-    std::lock_guard lock(gLedgerLock);
-    gLedgers.clear();
-}
+void resetBackgroundLedgers() { ledgers().clear(); }
+
+size_t cachedBackgroundLedgers() { return ledgers().size(); }
 
 }  // namespace ClaudeTranscriptReader
 

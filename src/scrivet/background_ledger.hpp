@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -45,17 +47,28 @@ struct BackgroundTasks {
     bool operator==(const BackgroundTasks&) const = default;
 };
 
-// The ledger of a whole journal, read in one pass (no cache).
+// A fresh ledger reads this much of a journal's end, so the first look at a
+// journal of gigabytes costs what a look at a small one does. Background work
+// launched further back than that and still out is not seen (the turn-end
+// count still reports it).
+inline constexpr uint64_t kLedgerSeedBytes = 4u << 20;
+// Ledgers kept at most, and how long an unused one is kept.
+inline constexpr size_t kCachedLedgers = 256;
+inline constexpr std::chrono::hours kLedgerIdleLife{2};
+
+// The ledger of a journal's last kLedgerSeedBytes, read in one pass (no cache).
 BackgroundLedger seedBackgroundLedger(const std::filesystem::path& file);
 
 // The journal's outstanding background tasks. The ledger is kept per file in a
-// process-wide cache: seeded from the whole file once, then advanced only by
+// process-wide cache: seeded from the file's end once, then advanced only by
 // the bytes the file grew by; re-seeded when the file shrinks or is replaced.
 BackgroundTasks outstandingBackgroundTasks(const std::filesystem::path& file);
 // The ids of the journal's pending background tasks.
 std::set<std::string> backgroundTasks(const std::filesystem::path& file);
 // Drops every cached ledger.
 void resetBackgroundLedgers();
+// How many ledgers the cache holds now.
+size_t cachedBackgroundLedgers();
 
 }  // namespace ClaudeTranscriptReader
 

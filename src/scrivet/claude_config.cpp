@@ -11,12 +11,16 @@
 #include <vector>
 
 #include "scrivet/journal_entry.hpp"
+#include "scrivet/regular_file.hpp"
 
 namespace scrivet::ClaudeConfig {
 
 namespace {
 
 namespace fs = std::filesystem;
+
+// ~/.claude.json keeps every project's history; past this it is not read.
+constexpr uint64_t kMaxConfigBytes = 256u << 20;
 
 struct Parsed {
     // working directory -> (model id, input tokens) of its "lastModelUsage"
@@ -35,11 +39,11 @@ std::unordered_map<std::string, Cached> gCache;
 
 Parsed parse(const fs::path& file) {
     Parsed out;
-    simdjson::padded_string text;
-    if (simdjson::padded_string::load(file.string()).get(text)) return out;
+    auto text = RegularFile::readAll(file, kMaxConfigBytes);
+    if (!text) return out;
     simdjson::dom::parser parser;
     simdjson::dom::element root;
-    if (parser.parse(text).get(root) || !root.is_object()) return out;
+    if (parser.parse(simdjson::padded_string(*text)).get(root) || !root.is_object()) return out;
     if (auto projects = json::object(root, "projects")) {
         for (auto [cwd, project] : *projects) {
             auto usage = json::object(project, "lastModelUsage");

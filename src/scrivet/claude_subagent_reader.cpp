@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
-#include <unordered_map>
 
 #include "scrivet/claude_transcript_derivation.hpp"
 #include "scrivet/journal_scan.hpp"
+#include "scrivet/recent_cache.hpp"
+#include "scrivet/regular_file.hpp"
 #include "scrivet/tail_reader.hpp"
 
 namespace scrivet::ClaudeSubagentReader {
@@ -21,6 +21,7 @@ using simdjson::dom::element;
 
 constexpr size_t kTailLines = 400;
 constexpr size_t kFirstLinesBytes = 256 * 1024;
+constexpr uint64_t kMetaBytes = 1024 * 1024;  // a meta file is a few hundred bytes
 
 Date toDate(const struct timespec& ts) {
     return Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::seconds(ts.tv_sec) +
@@ -54,11 +55,11 @@ struct AgentMeta {
 
 AgentMeta readMeta(const fs::path& file) {
     AgentMeta meta;
-    simdjson::padded_string text;
-    if (simdjson::padded_string::load(file.string()).get(text)) return meta;
+    auto text = RegularFile::readAll(file, kMetaBytes);
+    if (!text) return meta;
     simdjson::dom::parser parser;
     element root;
-    if (parser.parse(text).get(root) || !root.is_object()) return meta;
+    if (parser.parse(simdjson::padded_string(*text)).get(root) || !root.is_object()) return meta;
     auto str = [&](std::string_view key) -> std::optional<std::string> {
         auto s = json::string(root, key);
         if (!s || s->empty()) return std::nullopt;
@@ -76,8 +77,10 @@ struct CachedParent {
     ParentBlocks parent;
 };
 
-std::mutex gParentLock;
-std::unordered_map<std::string, CachedParent> gParents;
+RecentCache<CachedParent>& parents() {
+    static RecentCache<CachedParent> cache(kCachedParents, kParentIdleLife);
+    return cache;
+}
 
 void collectBlocks(std::string_view line, simdjson::dom::parser& parser, std::vector<AgentBlock>& blocks) {
     element root;
@@ -131,15 +134,10 @@ std::string promptPrefix(std::string_view prompt) {
 }
 
 std::optional<std::string> launchPrompt(const fs::path& agentJournal) {
-    int fd = ::open(agentJournal.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::string bytes(kFirstLinesBytes, '\0');
-    ssize_t n = ::pread(fd, bytes.data(), bytes.size(), 0);
-    ::close(fd);
-    if (n <= 0) return std::nullopt;
-    bytes.resize(static_cast<size_t>(n));
+    auto bytes = RegularFile::readHead(agentJournal, kFirstLinesBytes);
+    if (!bytes || bytes->empty()) return std::nullopt;
     // A window from the file's start: its last line may be cut, its first is whole.
-    auto window = TailReader::parseWindow(bytes, 0, SIZE_MAX, keepConversation);
+    auto window = TailReader::parseWindow(*bytes, 0, SIZE_MAX, keepConversation);
     for (const auto& e : window.entries)
         if (e.type() == "user") return CTR::messageText(e);
     return std::nullopt;
@@ -200,19 +198,22 @@ std::vector<AgentBlock> parentAgentBlocks(const fs::path& transcript) {
     auto key = transcript.string();
     auto now = scrivet::stamp(transcript);
     if (!now) {
-        std::lock_guard lock(gParentLock);
-        gParents.erase(key);
+        parents().erase(key);
         return {};
     }
-    std::optional<CachedParent> cached;
-    {
-        std::lock_guard lock(gParentLock);
-        if (auto it = gParents.find(key); it != gParents.end()) cached = it->second;
-    }
+    auto cached = parents().get(key);
     bool reuse = cached && cached->stamp.device == now->device && cached->stamp.inode == now->inode &&
                  now->size >= cached->parent.parsedBytes &&
                  (cached->stamp == *now || JournalScan::endsLineAt(transcript, cached->parent.parsedBytes));
     CachedParent state = reuse ? std::move(*cached) : CachedParent{};
+    if (!reuse) {
+        // A first look reads only the journal's end: the launches of the
+        // subagents running now are recent.
+        auto from = now->size > kParentScanBytes ? JournalScan::nextLineStart(transcript, now->size - kParentScanBytes)
+                                                 : std::optional<uint64_t>(0);
+        if (!from) return {};
+        state.parent.parsedBytes = *from;
+    }
     if (!reuse || state.stamp != *now) {
         simdjson::dom::parser parser;
         static const std::vector<std::string_view> kNeedles = {"\"name\":\"Agent\"", "\"name\":\"Task\"",
@@ -221,23 +222,22 @@ std::vector<AgentBlock> parentAgentBlocks(const fs::path& transcript) {
             collectBlocks(line, parser, state.parent.blocks);
         });
         if (!end) return {};
+        // Only the newest launches can belong to subagents that still run.
+        auto& blocks = state.parent.blocks;
+        if (blocks.size() > kKeptLaunches) blocks.erase(blocks.begin(), blocks.end() - kKeptLaunches);
         state.parent.parsedBytes = *end;
         state.parent.size = now->size;
         state.parent.mtime = Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(now->mtimeNanos));
         state.stamp = *now;
     }
     auto blocks = state.parent.blocks;
-    {
-        std::lock_guard lock(gParentLock);
-        gParents[key] = std::move(state);
-    }
+    parents().put(key, std::move(state));
     return blocks;
 }
 
-void resetParentCache() {
-    std::lock_guard lock(gParentLock);
-    gParents.clear();
-}
+void resetParentCache() { parents().clear(); }
+
+size_t cachedParents() { return parents().size(); }
 
 std::vector<SubagentInfo> running(const fs::path& transcript, Date now) {
     std::vector<SubagentInfo> out;

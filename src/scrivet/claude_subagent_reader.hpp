@@ -81,10 +81,20 @@ std::optional<Date> newestSubagentActivity(const fs::path& transcript);
 std::optional<Date> newestBackgroundTaskActivity(const fs::path& transcript, const std::set<std::string>& ids,
                                                  const fs::path& claudeTempFolder);
 
+// A first look at a parent journal reads this much of its end for launches.
+inline constexpr uint64_t kParentScanBytes = 4u << 20;
+// Launches kept per parent (the newest), parents kept at most, and how long
+// an unused parent is kept.
+inline constexpr size_t kKeptLaunches = 256;
+inline constexpr size_t kCachedParents = 64;
+inline constexpr std::chrono::hours kParentIdleLife{2};
+
 // The subagent launches of the parent journal. Cached per journal behind its
 // own lock; a grown journal is parsed only from where the last parse stopped.
 std::vector<AgentBlock> parentAgentBlocks(const fs::path& transcript);
 void resetParentCache();
+// How many parent journals the cache holds now.
+size_t cachedParents();
 
 // The first characters of a prompt, whitespace collapsed, used for pairing.
 std::string promptPrefix(std::string_view prompt);

@@ -434,6 +434,20 @@ std::optional<PendingApproval> pendingApproval(const Entries& entries) {
     return pendingApprovalForTool(*name);
 }
 
+std::optional<PendingToolCall> pendingToolCall(const Entries& entries, size_t maxChars) {
+    long i = newestTurnEntry(entries);
+    if (i < 0 || entries[i].type() != "assistant") return std::nullopt;
+    std::optional<element> call;
+    for (element b : messageBlocks(entries, i))
+        if (blockType(b) == "tool_use") call = b;
+    if (!call) return std::nullopt;
+    auto name = json::string(*call, "name").value_or("");
+    if (!pendingApprovalForTool(name)) return std::nullopt;
+    PendingToolCall out{std::string(name), std::nullopt};
+    if (auto input = json::field(*call, "input")) out.detail = toolSnippet(*input, maxChars);
+    return out;
+}
+
 bool endsWithQuestion(const Entries& entries) {
     long i = newestTurnEntry(entries);
     if (i < 0 || entries[i].type() != "assistant" || stopReason(entries[i]) == "tool_use") return false;

@@ -85,6 +85,9 @@ Parsed derive(const Entries& entries);
 bool isInProgress(const Entries& entries);
 // The kind of the newest message's last tool call, when it normally waits for the user.
 std::optional<PendingApproval> pendingApproval(const Entries& entries);
+// The newest message's last tool call with its command or file, when its
+// kind normally waits for the user (see pendingApproval).
+std::optional<PendingToolCall> pendingToolCall(const Entries& entries, size_t maxChars = 500);
 // The finished turn's last assistant text ends on a question.
 bool endsWithQuestion(const Entries& entries);
 // A real prompt sits in the tail and no assistant entry does.

@@ -11,6 +11,7 @@
 #include "scrivet/claude_config.hpp"
 #include "scrivet/claude_subagent_reader.hpp"
 #include "scrivet/file_stamp.hpp"
+#include "scrivet/regular_file.hpp"
 #include "scrivet/tail_reader.hpp"
 
 namespace scrivet::ClaudeTranscriptReader {
@@ -20,6 +21,7 @@ namespace {
 // Enough lines for many turns; the window (at most 4 MiB) bounds the bytes.
 constexpr size_t kTailLines = 1000;
 constexpr size_t kActivityLines = 8;
+constexpr size_t kMaxNotedTags = 512;
 constexpr long long kOneMillion = 1'000'000;
 constexpr long long kTwoHundredK = 200'000;
 
@@ -115,6 +117,7 @@ TranscriptInfo infoFromEntries(const std::vector<JournalEntry>& entries, const f
     }
     info.inProgress = isInProgress(entries);
     info.pendingApproval = pendingApproval(entries);
+    info.pendingToolCall = pendingToolCall(entries);
     info.endsWithQuestion = endsWithQuestion(entries);
     info.awaitingFirstReply = awaitingFirstReply(entries);
     info.recentActivity = recentActivity(entries, kActivityLines);
@@ -144,6 +147,7 @@ TranscriptInfo infoFromEntries(const std::vector<JournalEntry>& entries, const f
         activity = tasks;
     std::error_code ec;
     bool hasSubagentFolder = fs::is_directory(file.parent_path() / file.stem() / "subagents", ec);
+    info.subagentActivity = activity;
     if (!activity && !hasSubagentFolder) activity = newestEntry;
     info.recentSubagentActivity = withinWindow(activity, options.now, ClaudeSubagentReader::backgroundActiveWindow);
 
@@ -234,15 +238,17 @@ void noteUnknownShapes(const std::vector<JournalEntry>& entries) {
         directory = *shapes.directory;
         for (const auto& e : entries) {
             auto tag = unknownLeadingTag(e);
-            if (tag && shapes.logged.insert(*tag).second)
+            // Each tag is noted once; past a few hundred the log has made its point.
+            if (tag && shapes.logged.size() < kMaxNotedTags && shapes.logged.insert(*tag).second)
                 fresh.emplace_back(*tag, truncateText(collapseWhitespace(messageText(e)), 200));
         }
     }
     if (fresh.empty()) return;
     std::error_code ec;
     fs::create_directories(directory, ec);
-    std::ofstream out(directory / "unknown-shapes.log", std::ios::app);
-    for (const auto& [tag, sample] : fresh) out << "claude user text starts with <" << tag << ">: " << sample << "\n";
+    std::string lines;
+    for (const auto& [tag, sample] : fresh) lines += "claude user text starts with <" + tag + ">: " + sample + "\n";
+    RegularFile::append(directory / "unknown-shapes.log", lines);
 }
 
 }  // namespace scrivet::ClaudeTranscriptReader

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "scrivet/regular_file.hpp"
+
 namespace scrivet::JournalScan {
 
 namespace {
@@ -50,13 +52,9 @@ void processRegion(const char* region, size_t len, const std::vector<std::string
 std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
                              const std::vector<std::string_view>& needles,
                              const std::function<void(std::string_view)>& onLine) {
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    struct stat st{};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return std::nullopt;
-    }
+    RegularFile journal(file);
+    if (!journal) return std::nullopt;
+    int fd = journal.fd();
     ::posix_fadvise(fd, static_cast<off_t>(from), 0, POSIX_FADV_SEQUENTIAL);
     std::vector<char> buffer(kChunk + kPadding, '\0');
     std::vector<std::pair<size_t, size_t>> hits;
@@ -81,7 +79,6 @@ std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
         ssize_t n = ::pread(fd, buffer.data() + have, room - have, static_cast<off_t>(offset + have));
         if (n < 0) {
             if (errno == EINTR) continue;
-            ::close(fd);
             return std::nullopt;
         }
         if (n == 0) break;
@@ -104,7 +101,6 @@ std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
         have -= complete;
         offset += complete;
     }
-    ::close(fd);
     return skipping ? skipStart : offset;
 }
 
@@ -118,12 +114,24 @@ void scanBytes(std::string_view bytes, const std::vector<std::string_view>& need
 
 bool endsLineAt(const std::filesystem::path& file, uint64_t offset) {
     if (offset == 0) return true;
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    char c = 0;
-    bool ok = ::pread(fd, &c, 1, static_cast<off_t>(offset - 1)) == 1 && c == '\n';
-    ::close(fd);
-    return ok;
+    RegularFile journal(file);
+    auto byte = journal.readAt(offset - 1, 1);
+    return byte && *byte == "\n";
+}
+
+std::optional<uint64_t> nextLineStart(const std::filesystem::path& file, uint64_t offset) {
+    RegularFile journal(file);
+    if (!journal) return std::nullopt;
+    if (offset == 0) return 0;
+    if (offset > journal.size()) return journal.size();
+    constexpr uint64_t kStep = 64 * 1024;
+    for (uint64_t at = offset - 1; at < journal.size(); at += kStep) {
+        auto bytes = journal.readAt(at, kStep);
+        if (!bytes) return std::nullopt;
+        if (bytes->empty()) break;
+        if (auto nl = bytes->find('\n'); nl != std::string::npos) return at + nl + 1;
+    }
+    return journal.size();
 }
 
 }  // namespace scrivet::JournalScan

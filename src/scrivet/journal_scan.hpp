@@ -33,4 +33,9 @@ void scanBytes(std::string_view bytes, const std::vector<std::string_view>& need
 // cheap check that a file still has a line boundary where a scan stopped.
 bool endsLineAt(const std::filesystem::path& file, uint64_t offset);
 
+// Where the first line that begins at or after `offset` starts: `offset`
+// itself on a line boundary, else just past the next newline (the file's
+// size when none follows). Nothing when the file can't be read.
+std::optional<uint64_t> nextLineStart(const std::filesystem::path& file, uint64_t offset);
+
 }  // namespace scrivet::JournalScan

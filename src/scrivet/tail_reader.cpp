@@ -1,8 +1,8 @@
 #include "scrivet/tail_reader.hpp"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include "scrivet/regular_file.hpp"
 
 namespace scrivet::TailReader {
 
@@ -139,14 +139,10 @@ Window parseWindow(std::string_view bytes, uint64_t baseOffset, size_t lineLimit
 
 Window read(const std::filesystem::path& file, size_t lineLimit, const TypeFilter& keep) {
     Window result;
-    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return result;
-    struct stat st{};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return result;
-    }
-    uint64_t size = static_cast<uint64_t>(st.st_size);
+    RegularFile journal(file);
+    if (!journal) return result;
+    int fd = journal.fd();
+    uint64_t size = journal.size();
     for (uint64_t window = kFirstWindow;; window *= 8) {
         window = std::min(window, kMaxWindow);
         std::string buffer;
@@ -160,7 +156,6 @@ Window read(const std::filesystem::path& file, size_t lineLimit, const TypeFilte
         result.fileSize = size;
         if (result.hasConversation || start == 0 || window >= kMaxWindow) break;
     }
-    ::close(fd);
     return result;
 }
 

@@ -1,5 +1,7 @@
 #include "scrivet/transcript_records.hpp"
 
+#include "scrivet/tail_reader.hpp"
+
 namespace scrivet {
 
 std::string_view kindName(ActivityLine::Kind kind) {
@@ -61,6 +63,11 @@ std::string PendingQuestion::optionsLine() const {
         line += "+" + std::to_string(moreCount) + " more";
     }
     return line;
+}
+
+std::string validUtf8(std::string text) {
+    TailReader::repairUtf8(text);
+    return text;
 }
 
 std::string collapseWhitespace(std::string_view text) {

@@ -46,6 +46,13 @@ std::optional<PendingApproval> pendingApprovalForTool(std::string_view toolName)
 int delaySeconds(PendingApproval kind);
 std::string_view kindName(PendingApproval kind);
 
+// A tool call that waits on disk for its result: what the agent asks to run or change.
+struct PendingToolCall {
+    std::string toolName;               // as the agent names it ("Bash", "Edit")
+    std::optional<std::string> detail;  // its command, file or question, on one line
+    bool operator==(const PendingToolCall&) const = default;
+};
+
 // A question an agent asks the user (display only; it is answered in the agent).
 struct PendingQuestion {
     std::string text;                  // the first question, on one line
@@ -69,6 +76,7 @@ struct TranscriptInfo {
     bool contextMaxEstimated = false;
     bool inProgress = false;
     std::optional<PendingApproval> pendingApproval;
+    std::optional<PendingToolCall> pendingToolCall;  // the call behind `pendingApproval`
     bool endsWithQuestion = false;
     bool awaitingFirstReply = false;
     std::vector<ActivityLine> recentActivity;  // oldest first
@@ -77,12 +85,19 @@ struct TranscriptInfo {
     bool hasRealTurn = false;
     int pendingBackgroundAgents = 0;
     bool recentSubagentActivity = false;
+    // The newest write to the session's subagent or workflow journals (or
+    // the output of its pending background tasks), when there is any.
+    std::optional<Date> subagentActivity;
     Date created{};
     Date lastEntryDate{};
     std::optional<std::string> topic;
 
     bool operator==(const TranscriptInfo&) const = default;
 };
+
+// The text with every byte sequence that is not UTF-8 replaced by U+FFFD:
+// folder names and branches are bytes, and what we print must be text.
+std::string validUtf8(std::string text);
 
 // Collapses every run of newlines and other blanks into one space and trims.
 std::string collapseWhitespace(std::string_view text);

@@ -90,3 +90,26 @@ TEST(SettingsStore, LegacyDisplayMigratesOnce) {
     s.migrateLegacyDisplay(connected);  // never runs twice
     EXPECT_TRUE(s.notchDisplays().empty());
 }
+
+TEST(SettingsStore, ChangesMadeByAnotherProcessReachTheListener) {
+    test::TempDir dir;
+    DefaultsStore ours(dir / "defaults.json"), theirs(dir / "defaults.json");  // two processes, one file
+    SettingsStore s(ours);
+    std::vector<std::string> heard;
+    s.setListener([&](const std::string& key) { heard.push_back(key); });
+    s.reloadIfChanged();  // the baseline
+    s.setBool(SettingsStore::kSoundEnabled, false);  // our own change is heard once, at once
+    s.reloadIfChanged();
+    EXPECT_EQ(heard, std::vector<std::string>{SettingsStore::kSoundEnabled});
+    heard.clear();
+    theirs.setBool(SettingsStore::kHooksEnabled, true);
+    theirs.setString("approvalRules.v1", "not a setting");
+    s.reloadIfChanged();
+    EXPECT_EQ(heard, std::vector<std::string>{SettingsStore::kHooksEnabled});
+    EXPECT_TRUE(s.hooksEnabled());
+    s.reloadIfChanged();  // nothing new
+    EXPECT_EQ(heard.size(), 1u);
+    test::writeFile(dir / "defaults.json", "{\"hooksEnabled\": false, \"soundEnabled\": false}\n");  // by hand
+    s.reloadIfChanged();
+    EXPECT_EQ(heard, (std::vector<std::string>{SettingsStore::kHooksEnabled, SettingsStore::kHooksEnabled}));
+}

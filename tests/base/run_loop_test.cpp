@@ -54,6 +54,38 @@ TEST(RunLoop, WakeDescriptorTurnsReadableWhenWorkArrives) {
     EXPECT_EQ(::poll(&p, 1, 0), 0);
 }
 
+// A front end sleeps on wakeFd() between batches, so work still queued when
+// runOnce() returns must leave the descriptor readable. The wake-up that got
+// lost was a post landing while runOnce() emptied the pipe after taking its
+// batch. A long batch provokes it: the post waits on the loop's lock while
+// the batch is taken and goes in the moment it is released, while a pipe
+// full of the batch's wake-ups is still being read.
+TEST(RunLoop, WorkPostedWhileABatchIsTakenStillWakesTheFrontEnd) {
+    RunLoop loop;
+    std::atomic<int> go{0}, posted{0};
+    int ran = 0;
+    constexpr int kRounds = 20;
+    std::thread poster([&] {
+        for (int round = 1; round <= kRounds; ++round) {
+            while (go.load() < round) std::this_thread::yield();
+            loop.post([&] { ++ran; });
+            posted.store(round);
+        }
+    });
+    int lost = 0;
+    for (int round = 1; round <= kRounds; ++round) {
+        for (int i = 0; i < 20000; ++i) loop.post([] {});
+        go.store(round);
+        loop.runOnce();
+        while (posted.load() < round) std::this_thread::yield();
+        pollfd p{loop.wakeFd(), POLLIN, 0};
+        if (ran < round && ::poll(&p, 1, 0) != 1) ++lost;
+        while (ran < round) loop.runOnce();
+    }
+    poster.join();
+    EXPECT_EQ(lost, 0) << "rounds whose posted work left no wake-up";
+}
+
 TEST(RunLoop, StopEndsRun) {
     RunLoop loop;
     int n = 0;

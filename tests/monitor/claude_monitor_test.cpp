@@ -1,10 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
+#include <thread>
 #include <condition_variable>
 #include <mutex>
 
 #include "lumora/monitor/claude_monitor.hpp"
+#include "lumora/monitor/claude_session_index.hpp"
+#include "scrivet/claude_journal_builder.hpp"
+#include "scrivet/claude_transcript_reader.hpp"
+#include "support/test_support.hpp"
 
 using namespace lumora;
 using namespace std::chrono_literals;
@@ -228,15 +234,18 @@ TEST(SessionDerivation, OrderedRules) {
     };
 
     // The agent's own index: waiting on a permission prompt is needs-you, display-only.
+    // The journal's dangling call names what it asks for.
     auto pending = facts(true, kT0 - 2s);
-    pending.pendingApproval = PendingApproval::run;
+    pending.pendingApproval = PendingApproval::edit;
+    pending.pendingToolCall = scrivet::PendingToolCall{"Write", "src/db.sql"};
     auto obs = observe("s1", pending);
     obs.selfReport = SessionObservation::SelfReport{"waiting", "permission prompt", kT0 - 1s};
     auto a = derive(obs, {});
     EXPECT_EQ(a.status, AgentStatus::attention);
     ASSERT_TRUE(a.approval);
     EXPECT_FALSE(a.approval->approvable);
-    EXPECT_EQ(a.approval->toolName, "Bash");
+    EXPECT_EQ(a.approval->toolName, "Write");
+    EXPECT_EQ(a.approval->detail, "src/db.sql");
     obs.selfReport->waitingFor = "input needed";
     EXPECT_EQ(derive(obs, {}).status, AgentStatus::attention);
     // A hook marker wins over the index.
@@ -281,4 +290,184 @@ TEST(SessionDerivation, OrderedRules) {
     auto released = SessionDerivation::derive(finished, {}, memo, kT0 + 600s, settings);
     EXPECT_EQ(released.status, AgentStatus::waiting);
     EXPECT_TRUE(memo.cpuHoldCapped);
+}
+
+TEST(ClaudeMonitor, AScanInFlightAtStopIsNotPublished) {
+    Harness h;
+    h.source->set({observe("s1", facts(true, kT0))});
+    h.source->block(true);
+    h.monitor->start();
+    h.source->waitForScans(1);
+    h.monitor->stop();
+    h.monitor->refreshNow();  // dropped: the monitor is stopped
+    h.source->block(false);
+    h.monitor->scanOnce();  // the scan queue is serial: the first scan has handed its result over
+    h.loop.runOnce();
+    EXPECT_EQ(h.monitor->publishCount(), 0);
+    EXPECT_TRUE(h.monitor->instances().empty());
+    EXPECT_EQ(h.source->scans, 2);  // the first scan and scanOnce's; no refresh after stop
+    // Started again, it publishes.
+    h.monitor->start();
+    ASSERT_TRUE(h.loop.runUntil([&] { return h.monitor->publishCount() == 1; }, 5s));
+}
+
+TEST(ClaudeMonitor, ARowKnownByItsProcessTakesItsSessionIdAndKeepsItsHistory) {
+    Harness h;
+    auto early = observe("/home/dev/proj#4242", facts(true, kT0));
+    early.processStart = kT0 - 10s;
+    h.source->set({early});
+    h.refresh();
+    EXPECT_EQ(h.status("/home/dev/proj#4242"), AgentStatus::working);
+
+    // A hook names the session for that folder: its marker reaches the row.
+    const std::string id = "019fb206-97a0-7573-a940-cb4c5cf36e91";
+    HookSignals sig;
+    sig.marker = HookSignals::Marker{Kind::permission, "Bash", "make deploy", std::nullopt, false, {}, 0, kT0 + 1s};
+    sig.gateHeld = true;
+    sig.cwd = "/home/dev/proj";
+    HookSignals stale = sig;  // heard from before this process started: another session's
+    stale.marker->createdAt = kT0 - 60s;
+    {
+        std::lock_guard lock(h.hooksMutex);
+        h.hooks.signals[{HarnessProvider::claudeCode, id}] = sig;
+        h.hooks.signals[{HarnessProvider::claudeCode, "0aaaaaaa-0000-4000-8000-000000000000"}] = stale;
+    }
+    h.clock = kT0 + 2s;
+    h.refresh();
+    ASSERT_EQ(h.monitor->instances().size(), 1u);
+    EXPECT_EQ(h.monitor->instances()[0].id, id);
+    EXPECT_EQ(h.status(id), AgentStatus::attention);
+    ASSERT_TRUE(h.monitor->instances()[0].approval);
+    EXPECT_TRUE(h.monitor->instances()[0].approval->approvable);
+
+    // Re-keyed by its journal instead: the same session, so finishing its
+    // turn is a completion, not a new row.
+    Harness j;
+    j.source->set({early});
+    j.refresh();
+    j.source->set({observe(id, facts(false, kT0 + 1s))});
+    j.clock = kT0 + 2s;
+    j.refresh();
+    EXPECT_EQ(j.status(id), AgentStatus::waiting);
+    ASSERT_EQ(j.alerts.size(), 1u);
+    EXPECT_TRUE(j.alerts[0].peek.done);
+    EXPECT_EQ(j.alerts[0].peek.sessionId, id);
+}
+
+TEST(ClaudeMonitorDeathTest, CallsOffTheMainLoopsThreadAreCaught) {
+#ifdef NDEBUG
+    GTEST_SKIP() << "assertions are compiled out of this build";
+#endif
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Harness h;
+            std::thread([&] { h.monitor->setSettings({}); }).join();
+        },
+        "main loop");
+}
+
+TEST(SessionDerivation, StatusesThatDoNotLie) {
+    SessionDerivation::Settings settings;
+    auto derive = [&](const SessionObservation& o, const HookSignals& hooks = {}) {
+        SessionDerivation::Memo memo;
+        return SessionDerivation::derive(o, hooks, memo, kT0, settings);
+    };
+
+    // Esc before the first token: the journal ends on the prompt and no hook
+    // says the turn ended, but the agent's index is back at its prompt.
+    auto stopped = observe("s1", facts(true, kT0 - 90s));
+    HookSignals busy;
+    busy.busySince = kT0 - 90s;
+    EXPECT_EQ(derive(stopped, busy).status, AgentStatus::working);
+    stopped.selfReport = SessionObservation::SelfReport{"idle", std::nullopt, kT0 - 80s};
+    EXPECT_EQ(derive(stopped, busy).status, AgentStatus::waiting);
+    EXPECT_FALSE(derive(stopped).inProgress);
+    // ... an index that went idle before the prompt proves nothing.
+    stopped.selfReport->updatedAt = kT0 - 95s;
+    EXPECT_EQ(derive(stopped, busy).status, AgentStatus::working);
+
+    // A question dismissed in the agent fires no hook; the index or the journal moving on clears it.
+    auto asking = facts(true, kT0 - 30s);
+    asking.pendingApproval = PendingApproval::question;
+    auto q = observe("s2", asking);
+    HookSignals question;
+    question.marker = HookSignals::Marker{Kind::question, "AskUserQuestion", "Which database?", std::nullopt, false,
+                                          {"SQLite"}, 0, kT0 - 29s};
+    q.selfReport = SessionObservation::SelfReport{"waiting", "input needed", kT0 - 29s};
+    EXPECT_EQ(derive(q, question).status, AgentStatus::attention);
+    q.selfReport = SessionObservation::SelfReport{"busy", std::nullopt, kT0 - 5s};
+    EXPECT_EQ(derive(q, question).status, AgentStatus::working);
+    EXPECT_FALSE(derive(q, question).question);
+    q.selfReport.reset();
+    EXPECT_EQ(derive(q, question).status, AgentStatus::attention) << "the question's own call still dangles";
+    auto movedOn = facts(false, kT0 - 10s);
+    q.info = movedOn;
+    EXPECT_EQ(derive(q, question).status, AgentStatus::waiting);
+
+    // A process with no journal yet ages from its start.
+    auto fresh = observe("/home/dev/proj#77", std::nullopt);
+    fresh.processStart = kT0 - 10s;
+    auto young = derive(fresh);
+    EXPECT_EQ(young.status, AgentStatus::waiting);
+    EXPECT_EQ(young.lastActivity, kT0 - 10s);
+    fresh.processStart = kT0 - 31min;
+    EXPECT_EQ(derive(fresh).status, AgentStatus::idle);
+
+    // A subagent writing keeps its parent fresh: no idle, and its time is the row's.
+    auto parent = facts(false, kT0 - 45min);
+    parent.subagentActivity = kT0 - 20s;
+    auto p = derive(observe("s3", parent));
+    EXPECT_EQ(p.status, AgentStatus::waiting);
+    EXPECT_EQ(p.lastActivity, kT0 - 20s);
+    parent.subagentActivity.reset();
+    EXPECT_EQ(derive(observe("s3", parent)).status, AgentStatus::idle);
+}
+
+TEST(SessionDerivation, TheIndexWaitingOnAPermissionNamesTheRealCommand) {
+    // A session caught while its permission dialog is open: the index file
+    // says it waits, the journal ends on the dangling call.
+    lumora::test::TempDir dir;
+    auto check = [&](const std::string& indexFile, const std::string& journalText) {
+        auto record = ClaudeSessionIndex::parse(indexFile);
+        ASSERT_TRUE(record && record->statusUpdatedAt);
+        auto journal = dir / "journal.jsonl";
+        lumora::test::writeFile(journal, journalText);
+        auto info = scrivet::ClaudeTranscriptReader::info(journal, record->cwd, dir / "none.json");
+        ASSERT_TRUE(info);
+        auto obs = observe(record->sessionId, info);
+        obs.selfReport = SessionObservation::SelfReport{*record->status, record->waitingFor, record->statusUpdatedAt};
+        SessionDerivation::Memo memo;
+        auto a = SessionDerivation::derive(obs, {}, memo, *record->statusUpdatedAt + 5s, {});
+        EXPECT_EQ(a.status, AgentStatus::attention);
+        ASSERT_TRUE(a.approval);
+        EXPECT_EQ(a.approval->toolName, "Bash");
+        EXPECT_EQ(a.approval->detail, "touch harness-made.txt");
+    };
+
+    // Built in the shape of the real files.
+    const std::string session = "2ba08b56-cdd6-4cd6-a287-5b0a4ea9a300";
+    lumora::test::ClaudeJournal j(session);
+    j.boot().prompt("make the file");
+    j.toolCall("toolu_1", "Bash", {{"command", "touch harness-made.txt"}, {"description", "Create the file"}},
+               "I'll run a shell command.");
+    j.raw({{"type", "last-prompt"}, {"lastPrompt", "make the file"}, {"sessionId", session}});
+    nlohmann::json index = {{"pid", 4788}, {"sessionId", session}, {"cwd", "/home/dev/proj.app"},
+                            {"startedAt", 1795308445670}, {"procStart", "334822"}, {"version", "2.1.330"},
+                            {"kind", "interactive"}, {"entrypoint", "cli"}, {"tmux", "h:@0.%0"},
+                            {"status", "waiting"}, {"updatedAt", 1795308450329}, {"statusUpdatedAt", 1795308450329},
+                            {"waitingFor", "permission prompt"}};
+    check(index.dump(), j.text());
+
+    // The real files, when they are beside the repository.
+    auto samples = lumora::test::samplesDir() / "claude";
+    if (!std::filesystem::exists(samples)) GTEST_SKIP() << "no agent samples at " << samples;
+    auto snapshots = nlohmann::json::parse(lumora::test::readFile(samples / "session-index-snapshots.json"));
+    std::ifstream in(samples / "home/.claude/projects/-home-dev-proj-app" / (session + ".jsonl"));
+    std::string text;
+    for (std::string line; std::getline(in, line);) {
+        text += line + "\n";
+        if (line.find("\"tool_use\"") != std::string::npos && line.find("\"Bash\"") != std::string::npos) break;
+    }
+    check(snapshots["sessions_while_running"]["4788.json"].dump(), text);
 }

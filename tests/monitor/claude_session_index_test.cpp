@@ -52,7 +52,8 @@ TEST(ClaudeSessionIndex, ReadsTheRealFilesAndRejectsBrokenOnes) {
     EXPECT_TRUE(ClaudeSessionIndex::parse(good.dump()));
     EXPECT_FALSE(ClaudeSessionIndex::parse(good.dump().substr(0, 40)));  // torn
     for (auto change : {Json{{"cwd", "proj"}}, Json{{"cwd", nullptr}}, Json{{"sessionId", "not-a-uuid"}},
-                        Json{{"pid", 0}}, Json{{"startedAt", nullptr}}}) {
+                        Json{{"pid", 0}}, Json{{"startedAt", nullptr}}, Json{{"startedAt", 14795308445670}},
+                        Json{{"startedAt", 1e300}}, Json{{"startedAt", -5}}}) {
         auto bad = good;
         for (auto& [k, v] : change.items()) {
             if (v.is_null()) bad.erase(k);

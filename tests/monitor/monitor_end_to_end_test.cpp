@@ -173,22 +173,25 @@ TEST(MonitorEndToEnd, HookEventsAndTheJournalDriveTheRow) {
     EXPECT_EQ(app.monitor().peekEvent()->ask, "Pushed. All tests pass.");
     EXPECT_TRUE(app.monitor().unseenCompletions().count(kSession));
 
-    // A new prompt; an idle marker arrives, but a newer journal entry refutes it.
-    std::this_thread::sleep_for(20ms);
+    // A new prompt; an idle marker flips the working session to needs-you
+    // (a question the journal cannot show)...
     SocketClient(f.socket).send(line({{"session_id", kSession}, {"action", "start"}}));
     append(f.journal, userPrompt("and deploy"));
     ASSERT_TRUE(waitFor(app, [](const AgentInstance& a) { return a.status == AgentStatus::working; }));
     SocketClient(f.socket).send(line({{"session_id", kSession}, {"action", "marker"}, {"kind", "idle"}}));
-    std::this_thread::sleep_for(50ms);
+    ASSERT_TRUE(waitFor(app, [](const AgentInstance& a) { return a.status == AgentStatus::attention; }));
+    // ... until a journal entry newer than the marker refutes it. Journal
+    // times have milliseconds: the entry is written once the clock has moved past the marker's.
+    auto flipped = std::chrono::system_clock::now();
+    while (std::chrono::system_clock::now() < flipped + 2ms) {
+    }
     append(f.journal, assistant({{"type", "tool_use"}, {"id", "toolu_2"}, {"name", "Read"},
                                  {"input", {{"file_path", "deploy.sh"}}}},
                                 "tool_use", "msg_3"));
     app.monitor().refreshNow();
-    auto published = app.monitor().publishCount();
-    RunLoop::main().runUntil([&] { return app.monitor().publishCount() >= published + 2; }, 3s);
-    EXPECT_EQ(row(app)->status, AgentStatus::working);
+    ASSERT_TRUE(waitFor(app, [](const AgentInstance& a) { return a.status == AgentStatus::working; }));
 
-    // Without that newer entry the same marker flips a working session to needs-you.
+    // A fresh marker flips it again.
     SocketClient(f.socket).send(line({{"session_id", kSession}, {"action", "marker"}, {"kind", "idle"}}));
     ASSERT_TRUE(waitFor(app, [](const AgentInstance& a) { return a.status == AgentStatus::attention; }));
 

@@ -53,6 +53,8 @@ TEST(ProcessDiscovery, PairsProcessesWithSessionsAndResolvesRepositories) {
     ChildProcess loose(claude, {"claude", "30"}, repo);
     ChildProcess inWorktree(claude, {"claude", "30"}, wt);
     ChildProcess codex(sleeperNamed(home / "bin", "codex"), {"codex", "30"}, repo);
+    sleepScript(home / "app-server");  // the shell standing in for codex runs this file
+    ChildProcess codexDaemon("/bin/sh", {"codex", "app-server"}, home.path());
 
     auto now = std::chrono::system_clock::now();
     // The indexed session's journal is the newest of its folder; recency
@@ -118,6 +120,9 @@ TEST(ProcessDiscovery, PairsProcessesWithSessionsAndResolvesRepositories) {
     EXPECT_NE(out.output.find("session=" + std::string(kWtNew) + " paired=fallback"), std::string::npos)
         << out.output;
     EXPECT_NE(out.output.find("repo=proj branch=feature/wt worktree=wt"), std::string::npos) << out.output;
+    // The long-lived daemon an editor talks to is no session.
+    EXPECT_FALSE(agent(pass, codexDaemon.pid()));
+    EXPECT_EQ(out.output.find("pid=" + std::to_string(codexDaemon.pid()) + " "), std::string::npos) << out.output;
 
     // A second pass: the dead process is gone, and the session it held is
     // free for recency again.
@@ -131,15 +136,17 @@ TEST(ProcessDiscovery, ProcessorUseComesFromTwoSamples) {
     TempDir dir;
     FixedProcessTable table({fakeProcess(1, 0, "/sbin/init"), fakeProcess(10, 1, "claude", {}, dir.path().string())});
     table.processes()[1].cpuSeconds = 5.0;
+    auto t0 = std::chrono::steady_clock::now();
+    table.setTakenAt(t0);
     ProcessDiscovery discovery(table, dir / "sessions", dir / "projects");
     discovery.run();
-    std::this_thread::sleep_for(200ms);
-    table.processes()[1].cpuSeconds = 5.1;  // 0.1 s of processor in about 0.2 s
+    table.setTakenAt(t0 + 200ms);
+    table.processes()[1].cpuSeconds = 5.1;  // 0.1 s of processor in 0.2 s
     auto pass = discovery.run();
     ASSERT_EQ(pass.agents.size(), 1u);
-    EXPECT_GT(pass.agents[0].cpu, 20.0);
-    EXPECT_LT(pass.agents[0].cpu, 55.0);
+    EXPECT_NEAR(pass.agents[0].cpu, 50.0, 0.01);
     // A new process under a reused pid starts over.
+    table.setTakenAt(t0 + 400ms);
     table.processes()[1].startTicks += 1;
     table.processes()[1].cpuSeconds = 0;
     EXPECT_EQ(discovery.run().agents[0].cpu, 0.0);

@@ -113,6 +113,12 @@ TEST(SDKHostMemory, LearnsApplicationHostsAndKeepsTheNewest500) {
     SDKHostMemory reloaded(store);
     EXPECT_EQ(reloaded.host("s"), app);
     EXPECT_TRUE(store.dictionary(SDKHostMemory::kDefaultsKey));
+    // A hand-edited entry of the wrong shape is skipped, never thrown on.
+    auto edited = *store.dictionary(SDKHostMemory::kDefaultsKey);
+    edited["k"] = {{"kind", 5}, {"appName", "x"}, {"lastSeen", 1}};
+    edited["t"] = {{"kind", "app"}, {"appName", {1}}, {"bundleID", "b"}, {"lastSeen", 1e300}};
+    store.setValue(SDKHostMemory::kDefaultsKey, edited);
+    EXPECT_EQ(SDKHostMemory(store).size(), 1u);
 
     // Old entries go on the next write.
     SDKHostMemory memory(store);

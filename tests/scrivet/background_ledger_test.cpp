@@ -3,6 +3,7 @@
 #include <fstream>
 
 #include "scrivet/background_ledger.hpp"
+#include "scrivet/recent_cache.hpp"
 #include "scrivet/tail_reader.hpp"
 #include "support/test_support.hpp"
 #include "claude_journal_builder.hpp"
@@ -106,6 +107,7 @@ TEST(BackgroundLedger, SkipsAnOverlongLineWithoutHoldingIt) {
     ClaudeJournal j;
     launch(launch(j.prompt("go"), "t1", "agA"), "t2", "agB");
     j.writeTo(file);
+    EXPECT_EQ(pending(file), (std::set<std::string>{"agA", "agB"}));
     // 70 MB with no newline (a hole reads as zero bytes), then more turns.
     auto before = fs::file_size(file);
     fs::resize_file(file, before + 70 * 1000 * 1000);
@@ -113,4 +115,46 @@ TEST(BackgroundLedger, SkipsAnOverlongLineWithoutHoldingIt) {
     after.line("").taskNotification("agA", "done");
     after.appendTo(file);
     EXPECT_EQ(pending(file), (std::set<std::string>{"agB"}));
+}
+
+TEST(BackgroundLedger, AFirstLookReadsOnlyTheJournalsEnd) {
+    // A journal of gigabytes (here a sparse one) with its turns at the end: a
+    // first look seeds from the last few MiB, not the whole file.
+    TempDir dir;
+    auto file = dir / "big.jsonl";
+    ClaudeJournal old;
+    launch(old.prompt("long ago"), "t1", "agOld");
+    old.writeTo(file);
+    fs::resize_file(file, fs::file_size(file) + 3 * CTR::kLedgerSeedBytes);
+    ClaudeJournal recent;
+    launch(recent.line("").prompt("now"), "t2", "agNew");
+    recent.appendTo(file);
+    EXPECT_EQ(pending(file), (std::set<std::string>{"agNew"}));
+    EXPECT_EQ(CTR::seedBackgroundLedger(file).pending, (std::set<std::string>{"agNew"}));
+}
+
+TEST(BackgroundLedger, TheCacheKeepsOnlyRecentJournals) {
+    // A process that runs for weeks sees thousands of journals: the ledgers
+    // of the ones it no longer reads are let go.
+    TempDir dir;
+    CTR::resetBackgroundLedgers();
+    ClaudeJournal j;
+    launch(j.prompt("go"), "t1", "agA");
+    for (size_t i = 0; i < CTR::kCachedLedgers + 50; ++i) {
+        auto file = dir / ("s" + std::to_string(i) + ".jsonl");
+        j.writeTo(file);
+        ASSERT_EQ(pending(file), (std::set<std::string>{"agA"}));
+    }
+    EXPECT_EQ(CTR::cachedBackgroundLedgers(), CTR::kCachedLedgers);
+
+    RecentCache<int> cache(3, std::chrono::hours(1));
+    auto t0 = RecentCache<int>::Clock::now();
+    cache.put("a", 1, t0);
+    cache.put("b", 2, t0 + std::chrono::minutes(1));
+    cache.put("c", 3, t0 + std::chrono::minutes(2));
+    EXPECT_EQ(cache.get("a", t0 + std::chrono::minutes(3)), 1);  // used: now the newest
+    cache.put("d", 4, t0 + std::chrono::minutes(4));             // over capacity: "b" goes
+    EXPECT_FALSE(cache.get("b"));
+    cache.put("e", 5, t0 + std::chrono::minutes(125));  // a sweep: unused for over an hour
+    EXPECT_EQ(cache.size(), 1u);
 }

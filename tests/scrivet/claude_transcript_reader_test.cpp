@@ -117,9 +117,11 @@ TEST(ClaudeTranscriptReader, ReadsTheRealJournalsOfEachScenario) {
     EXPECT_TRUE(approve.inProgress);
     EXPECT_EQ(approve.pendingApproval, PendingApproval::run);
     EXPECT_EQ(approve.summary, "touch harness-made.txt");
+    EXPECT_EQ(approve.pendingToolCall, (PendingToolCall{"Bash", "touch harness-made.txt"}));
     auto approved = home.info(home.sample("tui-manual-approve"));
     EXPECT_FALSE(approved.inProgress);
     EXPECT_FALSE(approved.pendingApproval);
+    EXPECT_FALSE(approved.pendingToolCall);
 
     auto ask = home.info(home.sample("tui-ask", 20));
     EXPECT_EQ(ask.pendingApproval, PendingApproval::question);
@@ -128,6 +130,8 @@ TEST(ClaudeTranscriptReader, ReadsTheRealJournalsOfEachScenario) {
 
     auto write = home.info(home.sample("write-default", 19));
     EXPECT_EQ(write.pendingApproval, PendingApproval::edit);
+    ASSERT_TRUE(write.pendingToolCall);
+    EXPECT_EQ(write.pendingToolCall->toolName, "Write");
 
     // Esc while the reply streamed: "stop_reason": null, then the interrupt.
     auto interrupted = home.info(home.sample("tui-interrupt-stream"));

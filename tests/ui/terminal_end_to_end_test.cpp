@@ -112,6 +112,10 @@ TEST(TerminalEndToEnd, ApprovingFromTheKeyboardReachesTheHook) {
 
     // A permission prompt from the real hook program turns the row to needs-you.
     auto first = app.permission("git status && npm test");
+    // Other programs' `claude` processes may share the list: select the row
+    // that needs us (the first) before looking for its buttons.
+    tmux.waitFor("Needs you");
+    tmux.keys("g");
     screen = tmux.waitFor("[a] Approve");
     EXPECT_NE(screen.find("Needs you"), std::string::npos) << screen;
     EXPECT_NE(screen.find("Bash: git status && npm test"), std::string::npos) << screen;

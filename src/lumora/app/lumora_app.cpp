@@ -107,12 +107,15 @@ void LumoraApp::start(bool gatingWanted) {
     applySettings();
     bridge_->start();
     monitor_->start();
+    // Settings another process changes (a second terminal, a hand edit) apply while we run.
+    settings_.watch(RunLoop::main());
     started_ = true;
 }
 
 void LumoraApp::stop() {
     if (!started_) return;
     started_ = false;
+    settings_.stopWatching();
     // Nobody is left to answer: every held prompt goes back to the agent.
     bridge_->setGating(false);
     bridge_->releaseAllGates();

@@ -3,6 +3,8 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <ctime>
 #include <iomanip>
 #include <iostream>
@@ -10,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "lumora/base/json_text.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/platform/paths.hpp"
@@ -49,8 +52,24 @@ Json opt(const std::optional<T>& v) {
     return v ? Json(*v) : Json(nullptr);
 }
 
+// How long a stop that a signal asked for may take (held prompts answered,
+// state saved, threads joined) before the process ends anyway: a worker stuck
+// in a read of a file system that hangs must not keep us alive. A quit from
+// the keyboard gets longer, but still ends.
+constexpr auto kStopDeadline = std::chrono::milliseconds(1500);
+constexpr auto kQuitDeadline = std::chrono::milliseconds(15000);
+
+// Ends the process `after` from now unless it has ended by then.
+void exitAfter(std::chrono::milliseconds after, int code) {
+    std::thread([after, code] {
+        std::this_thread::sleep_for(after);
+        std::_Exit(code);
+    }).detach();
+}
+
 // Blocks the stop signals in every thread made from here on; one thread waits
-// for them and stops the main loop.
+// for them and stops the main loop. The stop gets kStopDeadline; a second
+// signal, or the deadline, ends the process at once.
 void stopOnSignals() {
     sigset_t set;
     sigemptyset(&set);
@@ -62,8 +81,16 @@ void stopOnSignals() {
         int sig = 0;
         sigwait(&set, &sig);
         RunLoop::main().stop();
+        auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(kStopDeadline).count();
+        timespec wait{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
+        while (sigtimedwait(&set, nullptr, &wait) < 0 && errno == EINTR) {
+        }
+        std::_Exit(128 + sig);
     }).detach();
 }
+
+// What we print is text, whatever bytes a folder or branch name holds.
+void printLine(const std::string& line) { std::cout << scrivet::validUtf8(line) << std::endl; }
 
 }  // namespace
 
@@ -74,7 +101,7 @@ std::string scanLine(const AgentInstance& a) {
         << a.model.value_or("-") << ' ' << std::setw(9) << a.contextLabel().value_or("-") << ' '
         << (a.subagentCount == 1 ? "1 subagent  " : std::to_string(a.subagentCount) + " subagents ") << ' '
         << scrivet::collapseWhitespace(a.topic ? *a.topic : a.summary.value_or(""));
-    return out.str();
+    return scrivet::validUtf8(out.str());
 }
 
 Json toJson(const AgentInstance& a) {
@@ -144,7 +171,7 @@ int scan(bool json) {
     if (json) {
         Json out = Json::array();
         for (const auto& a : list) out.push_back(toJson(a));
-        std::cout << out.dump(2) << "\n";
+        std::cout << JsonText::dump(out, 2) << "\n";  // invalid bytes replaced, never a throw
     } else {
         for (const auto& a : list) std::cout << scanLine(a) << "\n";
     }
@@ -163,17 +190,16 @@ int headless() {
         for (const auto& a : app.monitor().instances()) {
             next[a.id] = a.status;
             auto it = last.find(a.id);
-            if (it == last.end() || it->second != a.status)
-                std::cout << timestamp(now) << "  " << scanLine(a) << std::endl;
+            if (it == last.end() || it->second != a.status) printLine(timestamp(now) + "  " + scanLine(a));
         }
         for (const auto& [id, status] : last) {
-            if (!next.count(id)) std::cout << timestamp(now) << "  ended " << id << std::endl;
+            if (!next.count(id)) printLine(timestamp(now) + "  ended " + id);
         }
         last = std::move(next);
         if (const auto& peek = app.monitor().peekEvent(); peek && peek->token != lastToken) {
             lastToken = peek->token;
-            std::cout << timestamp(now) << "  peek " << (peek->done ? "done" : "needs you") << "  "
-                      << peek->projectName << ": " << peek->ask << std::endl;
+            printLine(timestamp(now) + "  peek " + (peek->done ? "done" : "needs you") + "  " + peek->projectName +
+                      ": " + peek->ask);
         }
     });
     app.start(false);  // nobody can answer a prompt here: the agents show their own
@@ -190,7 +216,10 @@ int interactive() {
     AppBackend backend(app);
     app.start(true);
     ui::TerminalViewOptions options;
-    options.onQuit = [&] { app.stop(); };
+    options.onQuit = [&] {
+        exitAfter(ui::quitBySignal() ? kStopDeadline : kQuitDeadline, 0);  // stopping may not hang
+        app.stop();
+    };
     options.settings = [&app] { return viewSettings(app.settings()); };
     int code = ui::runTerminalView(backend, options);
     app.stop();

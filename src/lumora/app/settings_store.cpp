@@ -34,12 +34,70 @@ SettingsStore::SettingsStore(DefaultsStore& defaults) : defaults_(defaults) {}
 
 void SettingsStore::setListener(Listener listener) { listener_ = std::move(listener); }
 
+const std::vector<std::string>& SettingsStore::keys() {
+    static const std::vector<std::string> kKeys = {
+        kSoundEnabled,     kDoneSoundName,     kAttentionSoundName, kUsageEnabled,      kUsageActiveOnly,
+        kSubagentsEnabled, kTaskPlanEnabled,   kCoworkEnabled,      kCloudTasksEnabled, kIdleAgentPolicy,
+        kVisibleRowLimit,  kHooksEnabled,      kApproveRuns,        kIdleTimeoutMinutes, kHoverResponse,
+        kHoverReach,       kTabStyle,          kTabMarks,           kPanelMaterial,     kUsageLeftReadout,
+        kUsageRightReadout, kUsageWarnInColour, kNotchDisplays,     kHasCompletedOnboarding};
+    return kKeys;
+}
+
+std::map<std::string, DefaultsStore::Json> SettingsStore::storedValues() const {
+    std::map<std::string, DefaultsStore::Json> out;
+    for (const auto& key : keys()) {
+        if (auto v = defaults_.value(key)) out.emplace(key, std::move(*v));
+    }
+    return out;
+}
+
+void SettingsStore::reloadIfChanged() {
+    auto revision = defaults_.revision();
+    if (seenRevision_ == revision) return;
+    bool first = !seenRevision_;
+    seenRevision_ = revision;
+    auto now = storedValues();
+    std::vector<std::string> changedKeys;
+    if (!first) {
+        for (const auto& key : keys()) {
+            auto a = seen_.find(key);
+            auto b = now.find(key);
+            bool same = (a == seen_.end() && b == now.end()) ||
+                        (a != seen_.end() && b != now.end() && a->second == b->second);
+            if (!same) changedKeys.push_back(key);
+        }
+    }
+    seen_ = std::move(now);
+    for (const auto& key : changedKeys) {
+        if (listener_) listener_(key);
+    }
+}
+
+void SettingsStore::watch(RunLoop& loop, std::chrono::milliseconds interval) {
+    stopWatching();
+    reloadIfChanged();  // what is stored now is the baseline
+    watchLoop_ = &loop;
+    watchTimer_ = loop.addTimer(interval, [this] { reloadIfChanged(); });
+}
+
+void SettingsStore::stopWatching() {
+    if (watchLoop_ && watchTimer_) watchLoop_->cancelTimer(*watchTimer_);
+    watchLoop_ = nullptr;
+    watchTimer_.reset();
+}
+
 bool SettingsStore::flag(const char* key, bool fallback) const {
     // Read as an object first: a stored off is the user's choice, missing is the default.
     return defaults_.boolean(key).value_or(fallback);
 }
 
 void SettingsStore::changed(const std::string& key) {
+    // Our own change is reported here, not again by the next reload.
+    if (seenRevision_) {
+        if (auto v = defaults_.value(key)) seen_[key] = std::move(*v);
+        else seen_.erase(key);
+    }
     if (listener_) listener_(key);
 }
 

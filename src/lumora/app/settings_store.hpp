@@ -1,11 +1,14 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "lumora/base/defaults_store.hpp"
+#include "lumora/base/run_loop.hpp"
 #include "lumora/monitor/agent_display.hpp"
 #include "lumora/monitor/notch_state.hpp"
 #include "lumora/monitor/tab_layout.hpp"
@@ -23,7 +26,9 @@ std::string_view rawValue(PanelMaterial m);
 // Every user preference, read from and written to the user defaults under
 // its key, with the default a missing (or unusable) value takes. A change is
 // written to the defaults and reported to the listener at once, so the
-// monitor, the tab and the panel pick it up without a restart.
+// monitor, the tab and the panel pick it up without a restart. While watched,
+// changes another process makes to the file (`lumora --hooks-enable` in a
+// second terminal, a hand edit) reach the listener within one interval.
 class SettingsStore {
 public:
     // Stored keys.
@@ -61,6 +66,14 @@ public:
 
     // Called after every change, with the key that changed.
     void setListener(Listener listener);
+
+    // Looks at the defaults file again (a stamp check; the file is read only
+    // when it changed) and reports each setting that changed since the last
+    // look to the listener.
+    void reloadIfChanged();
+    // Runs reloadIfChanged() on `loop` every `interval` until stopWatching().
+    void watch(RunLoop& loop, std::chrono::milliseconds interval = std::chrono::seconds(2));
+    void stopWatching();
 
     bool soundEnabled() const;
     std::string doneSoundName() const;
@@ -104,12 +117,20 @@ public:
 
     DefaultsStore& defaults() const { return defaults_; }
 
+    // Every key above, for watching.
+    static const std::vector<std::string>& keys();
+
 private:
     bool flag(const char* key, bool fallback) const;
     void changed(const std::string& key);
+    std::map<std::string, DefaultsStore::Json> storedValues() const;
 
     DefaultsStore& defaults_;
     Listener listener_;
+    std::optional<uint64_t> seenRevision_;
+    std::map<std::string, DefaultsStore::Json> seen_;  // the settings as last reported
+    RunLoop* watchLoop_ = nullptr;
+    std::optional<RunLoop::TimerId> watchTimer_;
 };
 
 // The idle threshold in minutes from a stored value: missing, zero or negative give 30.

@@ -51,6 +51,13 @@ void DefaultsStore::refreshIfChanged() const {
     // A file we cannot read now keeps the values we read last.
     if (loaded.read.ok() || loaded.read.missing()) cache_ = std::move(loaded.object);
     stamp_ = now;
+    ++revision_;
+}
+
+uint64_t DefaultsStore::revision() const {
+    std::lock_guard lock(mutex_);
+    refreshIfChanged();
+    return revision_;
 }
 
 bool DefaultsStore::contains(const std::string& key) const { return value(key).has_value(); }

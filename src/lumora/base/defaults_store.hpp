@@ -64,6 +64,10 @@ public:
 
     // A copy of everything stored.
     Json snapshot() const;
+    // A number that changes whenever what the store holds may have changed:
+    // a write of ours, or the file changed on disk (checked now, by its
+    // stamp). Cheap enough for a timer.
+    uint64_t revision() const;
 
 private:
     void refreshIfChanged() const;  // requires mutex_
@@ -75,6 +79,7 @@ private:
     mutable std::mutex mutex_;
     mutable Json cache_ = Json::object();
     mutable std::optional<FileStamp> stamp_;
+    mutable uint64_t revision_ = 0;
 };
 
 }  // namespace lumora

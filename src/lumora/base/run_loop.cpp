@@ -101,6 +101,10 @@ bool RunLoop::isLoopThread() const {
 }
 
 std::vector<RunLoop::Task> RunLoop::takeDue(Clock::time_point now) {
+    // Empty the wake pipe while holding the lock, before taking the work it
+    // announced: a post() that lands after the lock is released writes its
+    // byte after this, so work left behind always leaves the pipe readable.
+    drainWakePipe();
     std::vector<Task> due;
     while (!tasks_.empty()) {
         due.push_back(std::move(tasks_.front()));
@@ -150,7 +154,6 @@ size_t RunLoop::runOnce(Clock::duration maxWait) {
             }
         }
     }
-    drainWakePipe();
     for (auto& task : batch) task();
     return batch.size();
 }

@@ -47,11 +47,12 @@ bool isClaudeHelperMode(const std::vector<std::string>& args) {
     return std::find(args.begin(), args.end(), "--chrome-native-host") != args.end();
 }
 
-// Subcommands of the other agents' executables that are not sessions.
+// Subcommands of the other agents' executables that are not sessions (Codex's
+// "app-server" is the long-lived daemon an editor or the desktop app talks to).
 bool isToolCommand(const std::vector<std::string>& args) {
     if (args.empty()) return false;
-    static constexpr std::array<std::string_view, 9> commands = {
-        "login", "logout", "completion", "mcp-server", "--version", "-V", "--help", "-h", "upgrade"};
+    static constexpr std::array<std::string_view, 10> commands = {
+        "login", "logout", "completion", "mcp-server", "app-server", "--version", "-V", "--help", "-h", "upgrade"};
     return std::find(commands.begin(), commands.end(), args[0]) != commands.end();
 }
 

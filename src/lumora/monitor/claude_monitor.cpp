@@ -1,13 +1,9 @@
 #include "lumora/monitor/claude_monitor.hpp"
 
 #include <algorithm>
+#include <cassert>
 
 namespace lumora {
-
-HookSignals HookSnapshot::lookup(HarnessProvider provider, const std::string& sessionId) const {
-    auto it = signals.find({provider, sessionId});
-    return it == signals.end() ? HookSignals{} : it->second;
-}
 
 ClaudeMonitor::ClaudeMonitor(Dependencies deps)
     : deps_(std::move(deps)),
@@ -22,14 +18,23 @@ ClaudeMonitor::~ClaudeMonitor() {
 
 Date ClaudeMonitor::now() const { return deps_.clock ? deps_.clock() : std::chrono::system_clock::now(); }
 
+void ClaudeMonitor::onLoopOnly() const {
+    assert(loop_.isLoopThread() && "ClaudeMonitor is used on the main loop's thread only");
+}
+
 void ClaudeMonitor::start() {
+    onLoopOnly();
     running_ = true;
+    stopped_ = false;
     scheduleRefreshTimer();
     requestScan();
 }
 
 void ClaudeMonitor::stop() {
+    onLoopOnly();
     running_ = false;
+    stopped_ = true;
+    ++generation_;
     if (timer_) loop_.cancelTimer(*timer_);
     timer_.reset();
     scheduledInterval_.reset();
@@ -43,6 +48,7 @@ void ClaudeMonitor::refreshNow() {
 }
 
 void ClaudeMonitor::setSettings(const Settings& s) {
+    onLoopOnly();
     bool hooksChanged = s.hooksEnabled != settings_.hooksEnabled;
     settings_ = s;
     if (hooksChanged && running_) scheduleRefreshTimer();
@@ -51,9 +57,13 @@ void ClaudeMonitor::setSettings(const Settings& s) {
 bool ClaudeMonitor::agentsActive() const { return StatusRules::agentsActive(instances_, now()); }
 
 ClaudeMonitor::RawScan ClaudeMonitor::collect() {
+    assert(queue_->isCurrent());
     RawScan raw;
     raw.now = now();
     if (deps_.hooks) raw.hooks = deps_.hooks(raw.now);
+    // The power state is a file read on Linux: read here, off the main thread,
+    // and followed on every tick.
+    raw.lowPower = deps_.lowPowerMode && deps_.lowPowerMode();
     ScanContext context{raw.now, nullptr};
     if (deps_.discover) context.processes = std::make_shared<const ProcessDiscovery::Pass>(deps_.discover());
     for (auto& source : deps_.sources) {
@@ -61,18 +71,56 @@ ClaudeMonitor::RawScan ClaudeMonitor::collect() {
         raw.observations.insert(raw.observations.end(), std::make_move_iterator(found.begin()),
                                 std::make_move_iterator(found.end()));
     }
+    SessionDerivation::adoptHookSessionIds(raw.observations, raw.hooks);
     // One row per identity: a second sighting of a session adds nothing.
     std::set<std::string> seen;
     std::erase_if(raw.observations, [&](const SessionObservation& o) { return !seen.insert(o.id).second; });
     return raw;
 }
 
+void ClaudeMonitor::carryOverRekeyedRows(const RawScan& raw) {
+    std::map<int32_t, std::string> byPid;  // rows known by their process last tick
+    for (const auto& [id, memo] : memos_)
+        if (isFallbackIdentity(id) && memo.pid) byPid[*memo.pid] = id;
+    if (byPid.empty()) return;
+    for (const auto& obs : raw.observations) {
+        if (!obs.pid || isFallbackIdentity(obs.id) || memos_.count(obs.id)) continue;
+        auto it = byPid.find(*obs.pid);
+        if (it == byPid.end()) continue;
+        const std::string& old = it->second;
+        auto move = [&](auto& map) {
+            if (auto node = map.extract(old)) {
+                node.key() = obs.id;
+                map.insert(std::move(node));
+            }
+        };
+        auto rename = [&](std::set<std::string>& set) {
+            if (set.erase(old)) set.insert(obs.id);
+        };
+        move(memos_);
+        move(alertCounts_);
+        move(lastSeenAt_);
+        rename(unseen_);
+        rename(acknowledged_);
+        byPid.erase(it);
+    }
+}
+
 std::vector<AgentInstance> ClaudeMonitor::derive(const RawScan& raw, bool remember) {
     SessionDerivation::Settings s{settings_.idleTimeoutMinutes, settings_.subagentsEnabled};
     std::vector<AgentInstance> out;
     std::map<std::string, SessionDerivation::Memo> next;
+    // A row re-keyed since the last tick (scanOnce leaves the memos alone) is the same session.
+    std::map<int32_t, const SessionDerivation::Memo*> byPid;
+    for (const auto& [id, memo] : memos_)
+        if (isFallbackIdentity(id) && memo.pid) byPid[*memo.pid] = &memo;
     for (const auto& obs : raw.observations) {
-        auto memo = memos_.count(obs.id) ? memos_[obs.id] : SessionDerivation::Memo{};
+        SessionDerivation::Memo memo;
+        if (auto it = memos_.find(obs.id); it != memos_.end()) {
+            memo = it->second;
+        } else if (auto p = obs.pid ? byPid.find(*obs.pid) : byPid.end(); p != byPid.end()) {
+            memo = *p->second;
+        }
         auto instance = SessionDerivation::derive(obs, raw.hooks.lookup(obs.provider, obs.id), memo, raw.now, s);
         memo.status = instance.status;
         next[obs.id] = memo;
@@ -83,27 +131,42 @@ std::vector<AgentInstance> ClaudeMonitor::derive(const RawScan& raw, bool rememb
 }
 
 std::vector<AgentInstance> ClaudeMonitor::scanOnce() {
+    onLoopOnly();
     RawScan raw;
     queue_->sync([&] { raw = collect(); });
     return derive(raw, false);
 }
 
 void ClaudeMonitor::requestScan() {
+    onLoopOnly();
+    if (stopped_) return;
     if (scanInFlight_) {
         rescanRequested_ = true;
         return;
     }
     scanInFlight_ = true;
     std::weak_ptr<bool> alive = alive_;
-    queue_->async([this, alive] {
+    queue_->async([this, alive, generation = generation_] {
         auto raw = collect();
-        loop_.post([this, alive, raw = std::move(raw)]() mutable {
-            if (auto a = alive.lock(); a && *a) finishScan(std::move(raw));
+        loop_.post([this, alive, generation, raw = std::move(raw)]() mutable {
+            if (auto a = alive.lock(); a && *a) finishScan(std::move(raw), generation);
         });
     });
 }
 
-void ClaudeMonitor::finishScan(RawScan raw) {
+void ClaudeMonitor::finishScan(RawScan raw, uint64_t generation) {
+    onLoopOnly();
+    if (generation != generation_) {
+        // Started before stop(): what it found is not published.
+        scanInFlight_ = false;
+        if (rescanRequested_ && !stopped_) {
+            rescanRequested_ = false;
+            requestScan();
+        }
+        return;
+    }
+    lowPower_ = raw.lowPower;
+    carryOverRekeyedRows(raw);
     // Alerts compare against the previous tick, so read the memos before deriving.
     std::map<std::string, AgentStatus> previous;
     for (const auto& [id, memo] : memos_) {
@@ -125,8 +188,11 @@ void ClaudeMonitor::finishScan(RawScan raw) {
         if (a.status == AgentStatus::attention && prev != AgentStatus::attention) {
             int rise = ++alertCounts_[a.id];
             std::string ask = "Needs you";
-            if (a.approval) {
-                ask = a.approval->detail ? "Wants to run " + *a.approval->detail : "Wants to use " + a.approval->toolName;
+            if (a.approval && a.approval->detail) {
+                bool edit = scrivet::pendingApprovalForTool(a.approval->toolName) == PendingApproval::edit;
+                ask = (edit ? "Wants to edit " : "Wants to run ") + *a.approval->detail;
+            } else if (a.approval && !a.approval->toolName.empty()) {
+                ask = "Wants to use " + a.approval->toolName;
             } else if (a.question) {
                 ask = a.question->text;
             }
@@ -167,6 +233,7 @@ void ClaudeMonitor::finishScan(RawScan raw) {
 }
 
 void ClaudeMonitor::sawRow(const std::string& sessionId) {
+    onLoopOnly();
     lastSeenAt_[sessionId] = now();
     unseen_.erase(sessionId);
     auto it = std::find_if(instances_.begin(), instances_.end(), [&](const AgentInstance& a) { return a.id == sessionId; });
@@ -174,8 +241,8 @@ void ClaudeMonitor::sawRow(const std::string& sessionId) {
 }
 
 void ClaudeMonitor::scheduleRefreshTimer() {
-    bool lowPower = deps_.lowPowerMode && deps_.lowPowerMode();
-    auto interval = StatusRules::refreshInterval(settings_.hooksEnabled, agentsActive(), lowPower);
+    onLoopOnly();
+    auto interval = StatusRules::refreshInterval(settings_.hooksEnabled, agentsActive(), lowPower_);
     if (timer_ && scheduledInterval_ && *scheduledInterval_ == interval) return;
     if (timer_) loop_.cancelTimer(*timer_);
     std::weak_ptr<bool> alive = alive_;

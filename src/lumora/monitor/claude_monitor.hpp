@@ -32,12 +32,6 @@ public:
     virtual std::vector<SessionObservation> observe(const ScanContext& context) = 0;
 };
 
-// The hook bridge's knowledge at scan time, per provider and session.
-struct HookSnapshot {
-    std::map<std::pair<HarnessProvider, std::string>, HookSignals> signals;
-    HookSignals lookup(HarnessProvider provider, const std::string& sessionId) const;
-};
-
 // The session monitor. Despite its name it watches every agent (Claude
 // Code, Codex, Cursor, Kimi, OpenCode), one SessionSource per agent.
 //
@@ -46,7 +40,8 @@ struct HookSnapshot {
 // hooks know, decides each status by the ordered rules and publishes the
 // list on the main run loop. Scans run on the monitor's own serial queue; at
 // most one is in flight, and requests during a scan make exactly one more.
-// Everything but refreshNow() is called on the main loop's thread.
+// Everything but refreshNow() is called on the main loop's thread (debug
+// builds assert it).
 class ClaudeMonitor {
 public:
     struct Settings {
@@ -77,7 +72,8 @@ public:
 
     // Schedules the refresh timer and runs the first refresh.
     void start();
-    // Invalidates the timer; a scan in flight finishes without publishing.
+    // Invalidates the timer; a scan in flight finishes without publishing,
+    // and requests that arrive until the next start() are dropped.
     void stop();
     // Asks for a scan as soon as possible. Safe from any thread: it only posts
     // to the main loop, so it never blocks the caller.
@@ -114,15 +110,21 @@ private:
         Date now;
         std::vector<SessionObservation> observations;
         HookSnapshot hooks;
+        bool lowPower = false;
     };
 
     RawScan collect();
     std::vector<AgentInstance> derive(const RawScan& raw, bool remember);
+    // Moves what is remembered about rows that were known by their process
+    // ("<cwd>#<pid>") and now carry their session id.
+    void carryOverRekeyedRows(const RawScan& raw);
     void requestScan();
-    void finishScan(RawScan raw);
+    void finishScan(RawScan raw, uint64_t generation);
     void emitAlerts(const std::vector<AgentInstance>& next, Date now);
     void scheduleRefreshTimer();
     Date now() const;
+    // The contract of every call but refreshNow(): the main loop's thread (asserted).
+    void onLoopOnly() const;
 
     Dependencies deps_;
     RunLoop& loop_;
@@ -144,6 +146,9 @@ private:
     bool scanInFlight_ = false;
     bool rescanRequested_ = false;
     bool running_ = false;
+    bool stopped_ = false;       // stop() was called and start() not since
+    uint64_t generation_ = 0;    // bumped by stop(): older scans do not publish
+    bool lowPower_ = false;      // as the latest scan found it
     bool firstPublish_ = true;
     std::optional<RunLoop::TimerId> timer_;
     std::optional<StatusRules::Seconds> scheduledInterval_;

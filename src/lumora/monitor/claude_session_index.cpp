@@ -6,13 +6,17 @@
 #include <nlohmann/json.hpp>
 
 #include "lumora/base/file_util.hpp"
+#include "lumora/base/json_text.hpp"
 #include "lumora/monitor/agent_process_finder.hpp"
 
 namespace lumora::ClaudeSessionIndex {
 
 namespace {
 
-using Json = nlohmann::json;
+using Json = nlohmann::ordered_json;
+
+// A session file is a few hundred bytes; anything far larger is not one.
+constexpr size_t kMaxRecordBytes = 1u << 20;
 
 std::optional<std::string> text(const Json& j, const char* key) {
     auto it = j.find(key);
@@ -23,7 +27,12 @@ std::optional<std::string> text(const Json& j, const char* key) {
 std::optional<Date> millis(const Json& j, const char* key) {
     auto it = j.find(key);
     if (it == j.end() || !it->is_number()) return std::nullopt;
-    return Date(std::chrono::milliseconds(it->get<int64_t>()));
+    // Milliseconds since 1970 that a clock of nanoseconds can hold (to 2255):
+    // anything else is no time this file could carry.
+    constexpr double kLatest = 9e12;
+    double ms = it->get<double>();
+    if (!(ms >= 0 && ms <= kLatest)) return std::nullopt;
+    return Date(std::chrono::milliseconds(static_cast<int64_t>(ms)));
 }
 
 std::optional<uint64_t> ticks(const Json& j, const char* key) {
@@ -52,8 +61,9 @@ bool isUUID(std::string_view s) {
 }
 
 std::optional<Record> parse(std::string_view json) {
-    Json j = Json::parse(json, nullptr, false);
-    if (j.is_discarded() || !j.is_object()) return std::nullopt;
+    auto parsed = JsonText::parse(json);
+    if (!parsed || !parsed->is_object()) return std::nullopt;
+    const auto& j = *parsed;
     Record r;
     auto pid = j.find("pid");
     if (pid == j.end() || !pid->is_number_integer()) return std::nullopt;
@@ -84,7 +94,7 @@ std::vector<Record> read(const fs::path& folder) {
     std::error_code ec;
     for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
         if (it->path().extension() != ".json") continue;
-        auto contents = FileUtil::readFile(it->path());
+        auto contents = FileUtil::readFile(it->path(), kMaxRecordBytes);
         if (!contents) continue;
         if (auto r = parse(*contents)) out.push_back(std::move(*r));
     }

@@ -19,11 +19,6 @@ std::string ClaudeSessionSource::projectName(const std::string& cwd, const std::
     return name.empty() ? cwd : name;
 }
 
-namespace {
-
-
-}  // namespace
-
 std::optional<scrivet::TranscriptInfo> ClaudeSessionSource::readInfo(const std::filesystem::path& file,
                                                                       const std::string& cwd, Date now) {
     usedThisScan_.insert(file);
@@ -62,6 +57,7 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
             o.gitBranch = agent.gitBranch;
             o.host = agent.host;
             o.cpu = agent.cpu;
+            o.processStart = agent.start;
             if (agent.sessionId) {
                 auto file = Reader::transcriptURL(paths_.projects, agent.cwd, *agent.sessionId);
                 o.info = readInfo(file, agent.cwd, ctx.now);

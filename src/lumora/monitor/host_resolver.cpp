@@ -88,6 +88,7 @@ std::optional<std::string> HostResolver::applicationOf(const ProcessInfo& proces
 }
 
 bool HostResolver::isApplicationRunning(const std::string& appId, const ProcessSnapshot& snapshot) {
+    ExclusiveUse::Scope one(inUse_);
     for (const auto& p : snapshot.processes()) {
         if (applicationOf(p, snapshot) == appId) return true;
     }
@@ -135,6 +136,7 @@ HostResolution HostResolver::walk(const ProcessInfo& agent, const ProcessSnapsho
 }
 
 HostResolution HostResolver::resolve(int32_t pid, const ProcessSnapshot& snapshot) {
+    ExclusiveUse::Scope one(inUse_);
     const ProcessInfo* agent = snapshot.find(pid);
     if (!agent) return {};
     if (auto it = hosts_.find(pid); it != hosts_.end() && it->second.startTicks == agent->startTicks)
@@ -146,6 +148,7 @@ HostResolution HostResolver::resolve(int32_t pid, const ProcessSnapshot& snapsho
 }
 
 void HostResolver::evict(const ProcessSnapshot& snapshot) {
+    ExclusiveUse::Scope one(inUse_);
     auto stale = [&](int32_t pid, uint64_t startTicks) {
         const ProcessInfo* p = snapshot.find(pid);
         return !p || p->startTicks != startTicks;

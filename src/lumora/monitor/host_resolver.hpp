@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "lumora/base/exclusive_use.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 #include "lumora/platform/applications.hpp"
 #include "lumora/platform/process_table.hpp"
@@ -70,6 +71,7 @@ private:
     ProcessTable& table_;
     ApplicationIdentifier apps_;
     std::unordered_map<int32_t, HostEntry> hosts_;
+    ExclusiveUse inUse_;  // one thread at a time (asserted)
 };
 
 }  // namespace lumora

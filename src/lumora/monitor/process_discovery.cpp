@@ -106,6 +106,7 @@ double ProcessDiscovery::cpuPercent(const ProcessInfo& p, std::chrono::steady_cl
 }
 
 ProcessDiscovery::Pass ProcessDiscovery::run() {
+    ExclusiveUse::Scope one(inUse_);
     Pass pass;
     // Only agents need their working directory and executable read.
     SnapshotOptions options;

@@ -87,6 +87,7 @@ private:
     fs::path claudeProjects_;
     HostResolver hosts_;
     std::unordered_map<int32_t, CpuSample> cpu_;
+    ExclusiveUse inUse_;  // one pass at a time (asserted)
 };
 
 // Pairs Claude processes that the index did not map with the newest journals

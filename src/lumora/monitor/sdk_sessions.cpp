@@ -1,14 +1,15 @@
 #include "lumora/monitor/sdk_sessions.hpp"
 
 #include <algorithm>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
 
 #include "lumora/base/defaults_store.hpp"
+#include "lumora/base/json_text.hpp"
 #include "lumora/platform/paths.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "scrivet/journal_entry.hpp"
+#include "scrivet/regular_file.hpp"
 #include "scrivet/tail_reader.hpp"
 
 namespace lumora {
@@ -70,20 +71,18 @@ std::string lastComponent(const std::string& path) {
 }  // namespace
 
 std::optional<Head> readHead(const fs::path& transcript) {
-    std::ifstream in(transcript, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::string buf(kHeadBytes, '\0');
-    in.read(buf.data(), static_cast<std::streamsize>(buf.size()));
-    buf.resize(static_cast<size_t>(in.gcount()));
+    auto head = scrivet::RegularFile::readHead(transcript, kHeadBytes);
+    if (!head) return std::nullopt;
+    const std::string& buf = *head;
     std::optional<std::string> cwd;
     size_t pos = 0;
     while (pos < buf.size()) {
         size_t nl = buf.find('\n', pos);
         if (nl == std::string::npos) break;  // a cut last line is not read
-        auto j = nlohmann::json::parse(buf.begin() + static_cast<long>(pos), buf.begin() + static_cast<long>(nl),
-                                       nullptr, false);
+        auto parsed = JsonText::parse(std::string_view(buf).substr(pos, nl - pos));
         pos = nl + 1;
-        if (!j.is_object()) continue;
+        if (!parsed || !parsed->is_object()) continue;
+        const auto& j = *parsed;
         if (!cwd) {
             if (auto it = j.find("cwd"); it != j.end() && it->is_string()) cwd = it->get<std::string>();
         }
@@ -175,14 +174,22 @@ void SDKHostMemory::load() {
     if (!stored) return;
     for (const auto& [id, v] : stored->items()) {
         if (!v.is_object()) continue;
-        auto kind = kindFromName(v.value("kind", ""));
+        // A hand-edited file may hold anything: every field is checked before it is read.
+        auto text = [&](const char* key) -> std::optional<std::string> {
+            auto it = v.find(key);
+            if (it == v.end() || !it->is_string()) return std::nullopt;
+            return it->get<std::string>();
+        };
+        auto kind = kindFromName(text("kind").value_or(""));
         auto seen = v.find("lastSeen");
         if (!kind || seen == v.end() || !seen->is_number()) continue;
+        double ms = seen->get<double>();
+        if (!(ms >= 0 && ms <= 9e12)) continue;  // no time a clock of nanoseconds holds
         Entry e;
         e.host.kind = *kind;
-        e.host.appName = v.value("appName", "");
-        if (auto b = v.find("bundleID"); b != v.end() && b->is_string()) e.host.bundleID = b->get<std::string>();
-        e.lastSeen = Date(std::chrono::milliseconds(seen->get<int64_t>()));
+        e.host.appName = text("appName").value_or("");
+        e.host.bundleID = text("bundleID");
+        e.lastSeen = Date(std::chrono::milliseconds(static_cast<int64_t>(ms)));
         entries_[id] = std::move(e);
     }
 }

@@ -1,24 +1,36 @@
 #include "lumora/monitor/session_derivation.hpp"
 
 #include <algorithm>
+#include <set>
 
-namespace lumora::SessionDerivation {
+namespace lumora {
+
+std::optional<Date> HookSignals::latest() const {
+    std::optional<Date> out = busySince;
+    if (marker && marker->createdAt && (!out || *marker->createdAt > *out)) out = marker->createdAt;
+    return out;
+}
+
+HookSignals HookSnapshot::lookup(HarnessProvider provider, const std::string& sessionId) const {
+    auto it = signals.find({provider, sessionId});
+    return it == signals.end() ? HookSignals{} : it->second;
+}
+
+namespace SessionDerivation {
 
 namespace {
 
 using Kind = HookSignals::MarkerKind;
 
+// How far before its process's start a hook signal may lie and still belong
+// to it (the two clocks are read at different moments).
+constexpr auto kStartSlack = std::chrono::seconds(2);
+
 double secondsBetween(Date from, Date to) { return std::chrono::duration<double>(to - from).count(); }
 
-// The tool a dangling call on disk waits on, for a display-only approval.
-std::optional<std::string> pendingToolName(const scrivet::TranscriptInfo& info) {
-    if (!info.pendingApproval) return std::nullopt;
-    switch (*info.pendingApproval) {
-        case PendingApproval::run: return "Bash";
-        case PendingApproval::edit: return "Edit";
-        case PendingApproval::question: return "AskUserQuestion";
-    }
-    return std::nullopt;
+std::optional<Date> known(Date d) {
+    if (d == Date{}) return std::nullopt;
+    return d;
 }
 
 }  // namespace
@@ -39,6 +51,46 @@ std::optional<PendingQuestion> questionFromMarker(const HookSignals::Marker& m) 
     return PendingQuestion{scrivet::collapseWhitespace(*m.detail), m.options, m.moreQuestions};
 }
 
+bool questionMarkerStale(const HookSignals::Marker& m, const std::optional<SessionObservation::SelfReport>& self,
+                         const scrivet::TranscriptInfo& info) {
+    if ((m.kind != Kind::question && m.kind != Kind::plan) || !m.createdAt) return false;
+    // The agent's own index left the question: working again, or back at its prompt.
+    if (self && (self->status == "busy" || self->status == "idle") && self->updatedAt && *self->updatedAt > *m.createdAt)
+        return true;
+    // The journal went on past the question (an answer or a dismissal is a
+    // newer entry); the question's own call still dangling is not that.
+    return info.lastEntryDate > *m.createdAt && info.pendingApproval != PendingApproval::question;
+}
+
+void adoptHookSessionIds(std::vector<SessionObservation>& observations, const HookSnapshot& hooks) {
+    using Place = std::pair<HarnessProvider, std::string>;
+    std::map<Place, std::vector<const SessionObservation*>> unkeyed;
+    std::set<std::string> rows;
+    for (const auto& o : observations) {
+        rows.insert(o.id);
+        if (isFallbackIdentity(o.id)) unkeyed[{o.provider, o.cwd}].push_back(&o);
+    }
+    if (unkeyed.empty()) return;
+    std::map<Place, std::string> adopted;
+    for (const auto& [place, found] : unkeyed) {
+        if (found.size() != 1) continue;  // two processes in one folder: no way to tell them apart
+        const SessionObservation& o = *found.front();
+        std::vector<std::string> candidates;
+        for (const auto& [key, sig] : hooks.signals) {
+            if (key.first != place.first || sig.cwd != place.second || rows.count(key.second)) continue;
+            auto heard = sig.latest();
+            if (!heard) continue;
+            if (o.processStart && *heard + kStartSlack < *o.processStart) continue;  // from an earlier process
+            candidates.push_back(key.second);
+        }
+        if (candidates.size() == 1) adopted[place] = candidates.front();
+    }
+    for (auto& o : observations) {
+        if (!isFallbackIdentity(o.id)) continue;
+        if (auto it = adopted.find({o.provider, o.cwd}); it != adopted.end()) o.id = it->second;
+    }
+}
+
 AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Memo& memo, Date now,
                      const Settings& settings) {
     // A reader that returns nothing keeps the last facts.
@@ -50,12 +102,18 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     a.id = obs.id;
     a.provider = obs.provider;
     a.pid = obs.pid;
-    a.projectName = obs.projectName;
+    // Folder and branch names are bytes; what the views show is text. The
+    // working directory itself stays as it is: it names the folder.
+    auto text = [](const std::optional<std::string>& s) -> std::optional<std::string> {
+        if (!s) return std::nullopt;
+        return scrivet::validUtf8(*s);
+    };
+    a.projectName = scrivet::validUtf8(obs.projectName);
     a.cwd = obs.cwd;
-    a.gitBranch = obs.gitBranch ? obs.gitBranch : info.gitBranch;
-    a.repoName = obs.repoName;
+    a.gitBranch = text(obs.gitBranch ? obs.gitBranch : info.gitBranch);
+    a.repoName = text(obs.repoName);
     a.isWorktree = obs.isWorktree;
-    a.worktreeName = obs.worktreeName;
+    a.worktreeName = text(obs.worktreeName);
     a.summary = info.summary;
     a.cpu = obs.cpu.value_or(0);
     a.model = info.model;
@@ -76,35 +134,55 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     a.topic = info.topic;
 
     // Latest activity: the newest entry (the journal's own time when no entry
-    // carries one); a subagent writing right now keeps the session fresh.
-    Date last = info.lastEntryDate != Date{} ? info.lastEntryDate : info.lastModified;
-    if (info.recentSubagentActivity) last = std::max(last, info.lastModified);
-    if (last == Date{}) last = now;
+    // carries one), or a subagent's journal written since; a process with no
+    // journal yet counts from its start, so it ages like any other row.
+    std::optional<Date> newestEntry = known(info.lastEntryDate);
+    Date entryTime = newestEntry.value_or(info.lastModified);
+    Date last = entryTime;
+    if (info.subagentActivity) last = std::max(last, *info.subagentActivity);
+    if (last == Date{}) last = obs.processStart.value_or(now);
+    if (entryTime == Date{}) entryTime = last;
     a.lastActivity = last;
-    double age = std::max(0.0, secondsBetween(info.lastEntryDate == Date{} ? last : info.lastEntryDate, now));
+    double age = std::max(0.0, secondsBetween(entryTime, now));
+    double quiet = std::max(0.0, secondsBetween(last, now));
 
     std::optional<Date> busySince = hooks.busySince;
     const auto& self = obs.selfReport;
     if (self && self->status == "busy" && self->updatedAt && (!busySince || *self->updatedAt > *busySince))
         busySince = self->updatedAt;
+    // The agent's own index back at its prompt after everything else: a turn
+    // stopped before its first token leaves the journal ending on the prompt,
+    // and no hook says the turn ended.
+    bool idleSinceAll = self && self->status == "idle" && self->updatedAt &&
+                        (!newestEntry || *self->updatedAt > *newestEntry) &&
+                        (!busySince || *self->updatedAt > *busySince);
+    bool inProgress = info.inProgress && !idleSinceAll;
+    if (idleSinceAll) busySince.reset();
+
+    std::optional<HookSignals::Marker> marker = hooks.marker;
+    if (marker && questionMarkerStale(*marker, self, info)) marker.reset();
 
     std::optional<AgentStatus> status;
     // 1. Hook ground truth: a live permission prompt or a question.
-    if (hooks.marker && hooks.marker->kind != Kind::idle) {
-        const auto& m = *hooks.marker;
+    if (marker && marker->kind != Kind::idle) {
+        const auto& m = *marker;
         status = AgentStatus::attention;
         a.hasHookGroundTruth = true;
         if (m.kind == Kind::permission) a.approval = approvalFromMarker(obs.id, m, hooks.gateHeld);
         if (m.kind == Kind::question) a.question = questionFromMarker(m);
-    } else if (!hooks.marker && self && self->status == "waiting" && self->waitingFor) {
+    } else if (!marker && self && self->status == "waiting" && self->waitingFor) {
         // The agent's own index says it waits on the user: as good as a hook,
-        // but display-only (nothing holds the prompt for us).
+        // but display-only (nothing holds the prompt for us). The journal's
+        // dangling call tells what it asks for.
         if (*self->waitingFor == "permission prompt") {
             status = AgentStatus::attention;
             a.hasHookGroundTruth = true;
             ApprovalRequest r;
             r.sessionId = obs.id;
-            r.toolName = pendingToolName(info).value_or("");
+            if (info.pendingToolCall) {
+                r.toolName = info.pendingToolCall->toolName;
+                r.detail = info.pendingToolCall->detail;
+            }
             r.approvable = false;
             a.approval = r;
         } else if (*self->waitingFor == "input needed") {
@@ -115,22 +193,19 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
 
     // 2. A busy signal that the transcript does not refute.
     if (!status && busySince) {
-        std::optional<Date> newest;
-        if (info.lastEntryDate != Date{}) newest = info.lastEntryDate;
-        if (StatusRules::busyApplies(*busySince, info.inProgress, newest)) status = AgentStatus::working;
+        if (StatusRules::busyApplies(*busySince, inProgress, newestEntry)) status = AgentStatus::working;
     }
 
     // 3. The transcript heuristics.
     if (!status) {
-        StatusRules::TranscriptFacts facts{info.inProgress, info.pendingApproval, info.endsWithQuestion, age};
+        StatusRules::TranscriptFacts facts{inProgress, inProgress ? info.pendingApproval : std::nullopt,
+                                           info.endsWithQuestion, age, quiet};
         status = StatusRules::initialStatus(facts, settings.idleTimeoutMinutes);
     }
 
     // 4. An idle prompt while the session seems to work means a question the transcript cannot see.
-    if (hooks.marker && hooks.marker->kind == Kind::idle) {
-        std::optional<Date> newest;
-        if (info.lastEntryDate != Date{}) newest = info.lastEntryDate;
-        if (StatusRules::idleMarkerFlips(*status, obs.backgroundActive, hooks.marker->createdAt, busySince, newest)) {
+    if (marker && marker->kind == Kind::idle) {
+        if (StatusRules::idleMarkerFlips(*status, obs.backgroundActive, marker->createdAt, busySince, newestEntry)) {
             status = AgentStatus::attention;
             a.hasHookGroundTruth = true;
         }
@@ -156,9 +231,12 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     }
 
     a.status = *status;
+    a.inProgress = inProgress;
     memo.cpu = obs.cpu;
     memo.pid = obs.pid;
     return a;
 }
 
-}  // namespace lumora::SessionDerivation
+}  // namespace SessionDerivation
+
+}  // namespace lumora

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "lumora/monitor/session_observation.hpp"
 #include "lumora/monitor/status_rules.hpp"
@@ -35,5 +36,17 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
 ApprovalRequest approvalFromMarker(const std::string& sessionId, const HookSignals::Marker& marker, bool approvable);
 // The question a question marker carries (nothing without its text).
 std::optional<PendingQuestion> questionFromMarker(const HookSignals::Marker& marker);
+
+// A question or plan marker the user has dismissed in the agent (Esc fires
+// no hook): the agent's own index went busy or idle after it, or the journal
+// moved past the question with a newer entry.
+bool questionMarkerStale(const HookSignals::Marker& marker, const std::optional<SessionObservation::SelfReport>& self,
+                         const scrivet::TranscriptInfo& info);
+
+// Gives a row known only by its process ("<cwd>#<pid>") the session id the
+// hooks name for its folder: only when exactly one such row is in the folder
+// and exactly one session the hooks heard from there since the process
+// started belongs to no row.
+void adoptHookSessionIds(std::vector<SessionObservation>& observations, const HookSnapshot& hooks);
 
 }  // namespace lumora::SessionDerivation

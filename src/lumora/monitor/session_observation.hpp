@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@ struct SessionObservation {
     std::optional<std::string> worktreeName;
     std::optional<AgentHost> host;
     std::optional<double> cpu;  // percent, from this tick's sample
+    std::optional<Date> processStart;  // when the paired process started
     AgentSurface surface = AgentSurface::coding;
     // The journal's facts; nothing when the reader could not read it (the
     // monitor then keeps the previous tick's facts).
@@ -61,7 +63,17 @@ struct HookSignals {
     std::optional<Marker> marker;
     bool gateHeld = false;            // a permission prompt waits for an answer from us
     std::optional<Date> busySince;    // the last turn-state signal
+    std::optional<std::string> cwd;   // the folder the hooks reported the session in
     bool operator==(const HookSignals&) const = default;
+
+    // When the hooks last said anything about the session, if they said when.
+    std::optional<Date> latest() const;
+};
+
+// The hook bridge's knowledge at scan time, per provider and session.
+struct HookSnapshot {
+    std::map<std::pair<HarnessProvider, std::string>, HookSignals> signals;
+    HookSignals lookup(HarnessProvider provider, const std::string& sessionId) const;
 };
 
 }  // namespace lumora

@@ -22,7 +22,7 @@ AgentStatus initialStatus(const TranscriptFacts& f, int idleTimeoutMinutes) {
         if (f.ageSeconds >= delay) return AgentStatus::attention;
     }
     double idleAfter = (idleTimeoutMinutes > 0 ? idleTimeoutMinutes : 30) * 60.0;
-    if (f.ageSeconds > idleAfter) return AgentStatus::idle;
+    if (f.quietSeconds.value_or(f.ageSeconds) > idleAfter) return AgentStatus::idle;
     if (f.inProgress) return AgentStatus::working;
     return f.endsWithQuestion ? AgentStatus::attention : AgentStatus::waiting;
 }

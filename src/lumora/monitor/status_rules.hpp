@@ -27,6 +27,9 @@ struct TranscriptFacts {
     std::optional<PendingApproval> pending;
     bool endsWithQuestion = false;
     double ageSeconds = 0;  // since the transcript's last entry
+    // Since anything of the session last moved (its entries, its subagents'
+    // journals); the idle threshold runs on this. Absent: `ageSeconds`.
+    std::optional<double> quietSeconds;
 };
 
 // The transcript heuristics: a pending question needs the user at once, an

@@ -14,12 +14,14 @@ const ProcessInfo* ProcessSnapshot::find(int32_t pid) const {
 }
 
 ProcessSnapshot FixedProcessTable::snapshot(const SnapshotOptions& options) {
-    if (!options.wantsDetails) return ProcessSnapshot(processes_);
+    auto at = takenAt_.value_or(std::chrono::steady_clock::now());
     std::vector<ProcessInfo> out = processes_;
-    for (auto& p : out) {
-        if (!options.wantsDetails(p)) p.cwd.reset(), p.executable.reset();
+    if (options.wantsDetails) {
+        for (auto& p : out) {
+            if (!options.wantsDetails(p)) p.cwd.reset(), p.executable.reset();
+        }
     }
-    return ProcessSnapshot(std::move(out));
+    return ProcessSnapshot(std::move(out), at);
 }
 
 std::map<std::string, std::string> FixedProcessTable::environment(int32_t pid, const std::vector<std::string>& names) {

@@ -99,6 +99,8 @@ public:
     std::vector<ProcessInfo>& processes() { return processes_; }
     void setEnvironment(int32_t pid, std::map<std::string, std::string> env) { env_[pid] = std::move(env); }
     void setLaunchUnit(int32_t pid, std::string unit) { units_[pid] = std::move(unit); }
+    // Snapshots report this time as when they were taken (the clock otherwise).
+    void setTakenAt(std::chrono::steady_clock::time_point at) { takenAt_ = at; }
 
     using ProcessTable::snapshot;
     ProcessSnapshot snapshot(const SnapshotOptions& options) override;
@@ -110,6 +112,7 @@ private:
     std::vector<ProcessInfo> processes_;
     std::unordered_map<int32_t, std::map<std::string, std::string>> env_;
     std::unordered_map<int32_t, std::string> units_;
+    std::optional<std::chrono::steady_clock::time_point> takenAt_;
 };
 
 }  // namespace lumora

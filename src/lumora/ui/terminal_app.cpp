@@ -61,6 +61,8 @@ int millisUntil(Date when) {
 
 }  // namespace
 
+bool quitBySignal() { return gQuitSignal != 0; }
+
 bool terminalAvailable() { return ::isatty(STDIN_FILENO) && ::isatty(STDOUT_FILENO); }
 
 int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options) {

@@ -33,6 +33,11 @@ bool terminalAvailable();
 // than the terminal (Log::toFile).
 int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options = {});
 
+// True when the running (or last) view is ending because of a stop signal
+// (SIGINT, SIGTERM, SIGHUP) rather than a key or a closed terminal; onQuit
+// may ask it, to keep a signal's stop short.
+bool quitBySignal();
+
 // The view drawn once as plain text, `width` columns wide, for when there is
 // no terminal to draw on.
 std::string plainSnapshot(ViewBackend& backend, const ViewSettings& settings, int width = 100);

@@ -140,6 +140,9 @@ std::unique_ptr<ChildProcess> ChildProcess::spawn(const std::vector<std::string>
         ::dup2(out[1], STDOUT_FILENO);
         if (null >= 0) ::dup2(null, STDERR_FILENO);
         DescriptorLimit::restoreInChild();
+        sigset_t none;  // the signals a headless run waits for are blocked in our threads, not in programs we start
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
         ::execvpe(args[0], args.data(), envp.data());
         ::_exit(127);
     }

@@ -75,6 +75,9 @@ bool passesProbe(const fs::path& interpreter) {
         }
         const char* argv[] = {interpreter.c_str(), "-c", "import json,socket,sys; sys.stdout.write('ok')", nullptr};
         DescriptorLimit::restoreInChild();
+        sigset_t none;  // the signals a headless run waits for are blocked in our threads, not in programs we start
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
         ::execv(interpreter.c_str(), const_cast<char* const*>(argv));
         ::_exit(127);
     }

@@ -1,0 +1,83 @@
+#include "scrivet/regular_file.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace scrivet {
+
+namespace {
+
+// O_NONBLOCK: opening a FIFO would otherwise wait for a writer. It changes
+// nothing for the reads of a regular file.
+constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+
+}  // namespace
+
+RegularFile::RegularFile(const std::filesystem::path& file) {
+    int fd = ::open(file.c_str(), kReadFlags);
+    if (fd < 0) return;
+    struct stat st{};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return;
+    }
+    fd_ = fd;
+    size_ = static_cast<uint64_t>(st.st_size);
+}
+
+RegularFile::~RegularFile() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+std::optional<std::string> RegularFile::readAt(uint64_t offset, uint64_t length) const {
+    if (fd_ < 0) return std::nullopt;
+    std::string out(length, '\0');
+    uint64_t done = 0;
+    while (done < length) {
+        ssize_t n = ::pread(fd_, out.data() + done, length - done, static_cast<off_t>(offset + done));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return std::nullopt;
+        }
+        if (n == 0) break;  // the file ended (or shrank under us)
+        done += static_cast<uint64_t>(n);
+    }
+    out.resize(done);
+    return out;
+}
+
+std::optional<std::string> RegularFile::readAll(const std::filesystem::path& file, uint64_t limit) {
+    RegularFile f(file);
+    if (!f || f.size() > limit) return std::nullopt;
+    return f.readAt(0, f.size());  // what it held when opened
+}
+
+std::optional<std::string> RegularFile::readHead(const std::filesystem::path& file, uint64_t length) {
+    RegularFile f(file);
+    if (!f) return std::nullopt;
+    return f.readAt(0, length);
+}
+
+bool RegularFile::append(const std::filesystem::path& file, std::string_view text) {
+    // Without a reader, a FIFO refuses a non-blocking open for writing (ENXIO).
+    int fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0600);
+    if (fd < 0) return false;
+    struct stat st{};
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    while (ok && !text.empty()) {
+        ssize_t n = ::write(fd, text.data(), text.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        text.remove_prefix(static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return ok;
+}
+
+}  // namespace scrivet
