@@ -166,7 +166,7 @@ TEST_F(OpenCodePlugin, AQuestionReachesTheRealBridge) {
     HookBridgeOptions options;
     options.traceFile = std::nullopt;
     HookBridge bridge(dir_ / "support/notch.sock", dir_ / "support", rules, options);
-    ASSERT_TRUE(bridge.start());
+    ASSERT_TRUE(bridge.start().ok);
     // Up to the question, before the user answers it in OpenCode.
     std::vector<Json> events;
     for (const auto& e : scenarioEvents("serve-ask-question")) {
@@ -174,10 +174,11 @@ TEST_F(OpenCodePlugin, AQuestionReachesTheRealBridge) {
         if (e["type"] == "question.asked") break;
     }
     drive(events, (dir_ / "support/notch.sock").string());
-    auto markers = bridge.openCodeMarkers();
+    auto markers = bridge.snapshot(std::chrono::system_clock::now()).markers[scrivet::HarnessProvider::opencode];
     ASSERT_EQ(markers.size(), 1u);
-    EXPECT_EQ(markers[0].sessionId, "ses_dff41bbb3ffekfmJADuJxTgj1K");
-    EXPECT_EQ(markers[0].kind, "question");
-    EXPECT_EQ(markers[0].detail, "Which database should the service use?");
+    const auto& marker = markers.begin()->second;
+    EXPECT_EQ(marker.sessionId, "ses_dff41bbb3ffekfmJADuJxTgj1K");
+    EXPECT_EQ(marker.kind, "question");
+    EXPECT_EQ(marker.detail, "Which database should the service use?");
     bridge.stop();
 }

@@ -15,7 +15,7 @@ namespace lumora::AttentionHooks {
 
 namespace fs = std::filesystem;
 
-inline constexpr const char* kVersionMarker = "notch-cc-hook v8";
+inline constexpr const char* kVersionMarker = "notch-cc-hook v9";
 inline constexpr const char* kResource = "notch-hook.py";
 // A group is ours when one of its commands contains this.
 inline constexpr const char* kOurScript = "lumora/notch-hook";

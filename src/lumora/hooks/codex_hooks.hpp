@@ -17,7 +17,7 @@ namespace lumora::CodexHooks {
 namespace fs = std::filesystem;
 using Json = HookConfigEdits::Json;
 
-inline constexpr const char* kVersionMarker = "notch-codex-hook v4";
+inline constexpr const char* kVersionMarker = "notch-codex-hook v5";
 inline constexpr const char* kResource = "notch-codex-hook.py";
 inline constexpr const char* kOurScript = "notch-codex-hook";
 inline constexpr const char* kFeatureLine = "hooks = true  # managed by Lumora";

@@ -13,7 +13,7 @@ namespace lumora::CursorHooks {
 
 namespace fs = std::filesystem;
 
-inline constexpr const char* kVersionMarker = "notch-cursor-hook v7";
+inline constexpr const char* kVersionMarker = "notch-cursor-hook v8";
 inline constexpr const char* kResource = "notch-cursor-hook.py";
 inline constexpr const char* kOurScript = "notch-cursor-hook";
 

@@ -13,7 +13,7 @@ namespace lumora::KimiHooks {
 
 namespace fs = std::filesystem;
 
-inline constexpr const char* kVersionMarker = "notch-kimi-hook v2";
+inline constexpr const char* kVersionMarker = "notch-kimi-hook v3";
 inline constexpr const char* kResource = "notch-kimi-hook.py";
 inline constexpr const char* kBeginLine = "# ── managed by Lumora — begin (do not edit) ──";
 inline constexpr const char* kEndLine = "# ── managed by Lumora — end ──";

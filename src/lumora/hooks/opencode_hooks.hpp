@@ -10,8 +10,8 @@ namespace lumora::OpenCodeHooks {
 
 namespace fs = std::filesystem;
 
-inline constexpr const char* kVersion = "v2";
-inline constexpr const char* kMarker = "// lumora-opencode v2";
+inline constexpr const char* kVersion = "v3";
+inline constexpr const char* kMarker = "// lumora-opencode v3";
 inline constexpr const char* kResource = "lumora-opencode.js";
 
 fs::path pluginPath();
