@@ -14,6 +14,26 @@ namespace {
 
 constexpr std::string_view kEllipsis = "…";
 
+// How many keys a line's objects hold together (a ':' outside strings): an
+// ordered object finds a key by searching, so thousands of keys would cost
+// seconds to parse.
+size_t keyCount(std::string_view text) {
+    size_t n = 0;
+    bool inString = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (inString) {
+            if (c == '\\') ++i;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == ':') {
+            ++n;
+        }
+    }
+    return n;
+}
+
 void cutInPlace(std::string& s, size_t maxBytes) {
     if (s.size() > maxBytes) s = cut(s, maxBytes);
 }
@@ -76,6 +96,10 @@ Parsed parse(std::string_view line) {
     }
     if (JsonText::nestedDeeperThan(line, kMaxNesting)) {
         out.why = "nested too deep";
+        return out;
+    }
+    if (keyCount(line) > kMaxKeys) {
+        out.why = "too many keys";
         return out;
     }
     Json j = Json::parse(line, nullptr, false);

@@ -31,6 +31,7 @@ inline constexpr size_t kMaxOptionBytes = 256;
 inline constexpr size_t kMaxCursorCommandChars = 200;
 inline constexpr size_t kMaxCursorTitleChars = 120;
 inline constexpr int kMaxNesting = 64;
+inline constexpr size_t kMaxKeys = 256;  // in all of a line's objects together
 
 // The agent a `source` names; unknown names count as Claude Code.
 HarnessProvider providerNamed(std::string_view source);

@@ -13,6 +13,9 @@ namespace lumora::HookStateFile {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
+// Read with std::map objects: an ordered object finds a key by searching, so a
+// file with a hundred thousand keys in one object would take minutes to parse.
+using ReadJson = nlohmann::json;
 using scrivet::HarnessProvider;
 
 namespace {
@@ -91,6 +94,8 @@ Json toJson(const HookBridgeSnapshot& s, TimePoint savedAt, size_t budget) {
     size_t used = 0;
     for (const auto& e : entries) {
         size_t size = e.key.size() + JsonText::dump(e.value).size() + 8;
+        // A Claude marker also takes a line in claudeMarkerCreatedAt.
+        if (std::string_view(e.map) == "claudeMarkers") size += e.key.size() + 36;
         if (used + size > budget) continue;
         used += size;
         kept[e.map][e.key] = &e;
@@ -118,23 +123,31 @@ Json toJson(const HookBridgeSnapshot& s, TimePoint savedAt, size_t budget) {
     return state;
 }
 
-// Calls `each(key, value)` for at most kMaxEntriesPerMap members of the object at `key`.
+// Calls `each(key, value)` for at most kMaxEntriesPerMap members of the
+// object at `key`; each value comes as an ordered object (they are small).
 template <typename Each>
-void members(const Json& j, const char* key, Each each) {
+void members(const ReadJson& j, const char* key, Each each) {
     auto it = j.find(key);
     if (it == j.end() || !it->is_object()) return;
     size_t n = 0;
     for (const auto& [k, v] : it->items()) {
         if (++n > kMaxEntriesPerMap) break;
         if (k.empty() || k.size() > HookProtocol::kMaxSessionIdBytes) continue;
-        each(k, v);
+        each(k, Json(v));
     }
 }
 
-std::optional<Decoded> fromJson(const Json& j) {
+std::optional<ReadJson> parseForReading(std::string_view text) {
+    if (JsonText::nestedDeeperThan(text, kMaxDepth)) return std::nullopt;
+    auto j = ReadJson::parse(text, nullptr, false);
+    if (j.is_discarded()) return std::nullopt;
+    return j;
+}
+
+std::optional<Decoded> fromJson(const ReadJson& j) {
     if (!j.is_object()) return std::nullopt;
     Decoded d;
-    if (auto it = j.find("savedAt"); it != j.end()) d.savedAt = Dates::parse(*it).value_or(TimePoint{});
+    if (auto it = j.find("savedAt"); it != j.end()) d.savedAt = Dates::parse(Json(*it)).value_or(TimePoint{});
     auto& s = d.state;
     for (const auto& [key, provider] : kMarkerMaps) {
         auto& into = s.markers[provider];
@@ -190,7 +203,7 @@ std::string encode(const HookBridgeSnapshot& state, TimePoint savedAt, size_t bu
 }
 
 std::optional<Decoded> decode(std::string_view text) {
-    auto j = JsonText::parse(text, kMaxDepth);
+    auto j = parseForReading(text);
     if (!j) return std::nullopt;
     return fromJson(*j);
 }
@@ -234,7 +247,7 @@ std::string encodeStateReply(const HookBridgeSnapshot& s, TimePoint now, int32_t
 }
 
 std::optional<Decoded> decodeStateReply(std::string_view line) {
-    auto j = JsonText::parse(line, kMaxDepth);
+    auto j = parseForReading(line);
     if (!j || !j->is_object()) return std::nullopt;
     auto state = j->find("state");
     if (state == j->end()) return std::nullopt;
