@@ -67,6 +67,7 @@ class OpenCodePlugin : public ::testing::Test {
 protected:
     void SetUp() override {
         if (test::runCommand("node --version >/dev/null 2>&1").status != 0) GTEST_SKIP() << "node is not installed";
+        fs::permissions(dir_.path(), fs::perms::owner_all);  // the plugin talks only to a socket in a private folder
         socket_ = dir_ / "s.sock";
         test::writeFile(dir_ / "plugins/package.json", "{\"type\": \"module\"}\n");
         test::writeFile(dir_ / "plugins/lumora.js", OpenCodeHooks::pluginText(socket_));
@@ -155,6 +156,18 @@ TEST_F(OpenCodePlugin, WithoutLumoraNothingHappensAndNothingBreaks) {
         EXPECT_NE(line.find("from \"node:"), std::string::npos) << line;
         pos = eol;
     }
+}
+
+TEST_F(OpenCodePlugin, NeverTalksToASocketOthersCouldHavePutThere) {
+    TempDir open;
+    fs::permissions(open.path(), fs::perms::all);
+    FakeHookServer stranger(open / "notch.sock");
+    ASSERT_TRUE(stranger.start());
+    stranger.autoAnswer("allow");
+    Json requests = drive(scenarioEvents("serve-bashwrite-plugin-allow"), (open / "notch.sock").string());
+    ASSERT_TRUE(requests.is_array());
+    EXPECT_TRUE(requests.empty()) << requests.dump();
+    EXPECT_EQ(stranger.connections(), 0u);
 }
 
 TEST_F(OpenCodePlugin, AQuestionReachesTheRealBridge) {
