@@ -111,6 +111,7 @@ void HookBridge::handleLine(std::string_view line, ConnectionId connection) {
         return;
     }
     const auto& r = *parsed.request;
+    ++linesHandled_;
     if (trace_) {
         trace("RECV source=" + LogLines::escape(r.source) + " action=" + LogLines::escape(r.action) +
               " tool=" + (r.toolName.empty() ? "-" : LogLines::escape(r.toolName)) + " sid=" + shortId(r.sessionId));
@@ -327,9 +328,10 @@ Status HookBridge::start() {
         fs::create_directory(supportFolder_, ec);
         fs::permissions(supportFolder_, fs::perms::owner_all, ec);
     }
-    Status status = Status::success();
+    // Only a private folder is trusted to say who serves it.
+    Status status = HookSocketServer::checkFolder(socketPath_);
     // One instance owns the socket: a live one is never unlinked from under it.
-    auto who = HookClient::who(socketPath_);
+    auto who = status ? HookClient::who(socketPath_) : HookClient::Who{};
     if (who.kind == HookClient::Who::Kind::lumora) {
         status = Status::failure("Lumora is already running (pid " + std::to_string(who.pid) + ")");
     } else if (who.kind == HookClient::Who::Kind::other) {

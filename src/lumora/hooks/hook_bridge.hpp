@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -128,6 +129,8 @@ public:
 
     // How many client connections are open now.
     size_t connectionCount() const { return server_.connectionCount(); }
+    // How many well-formed lines have been handled (diagnostics and benchmarks).
+    uint64_t linesHandled() const { return linesHandled_.load(); }
 
     // Writes hook-state.json now (atomically); failures are logged and ignored.
     void persistNow();
@@ -166,6 +169,7 @@ private:
 
     // The socket thread's own.
     std::chrono::steady_clock::time_point lastSave_{};
+    std::atomic<uint64_t> linesHandled_{0};
 
     std::mutex saveMutex_;  // serialises writes of the state file
     std::unique_ptr<LogLines> trace_;

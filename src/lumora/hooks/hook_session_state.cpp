@@ -242,10 +242,8 @@ std::vector<HookSessionState::AwaitingRow> HookSessionState::gatesAwaitingRows()
 
 void HookSessionState::rowShown(uint64_t gateId) {
     for (auto& [_, g] : gates_) {
-        if (g.id == gateId && g.phase == Phase::awaitingRow) {
-            g.phase = Phase::shown;
-            changed_ = true;
-        }
+        // Nothing the monitor draws changes: the row already shows the buttons.
+        if (g.id == gateId && g.phase == Phase::awaitingRow) g.phase = Phase::shown;
     }
 }
 

@@ -64,11 +64,14 @@ void HookSocketServer::assertLoopThread() const {
     (void)this;
 }
 
+Status HookSocketServer::checkFolder(const fs::path& socketPath) {
+    fs::path folder = socketPath.parent_path();
+    return privateFolder(folder.empty() ? fs::path(".") : folder);
+}
+
 Status HookSocketServer::start() {
     if (running_.load()) return Status::success();
-    fs::path folder = socketPath_.parent_path();
-    if (folder.empty()) folder = ".";
-    if (auto s = privateFolder(folder); !s) return s;
+    if (auto s = checkFolder(socketPath_); !s) return s;
 
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;

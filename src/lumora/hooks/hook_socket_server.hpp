@@ -67,6 +67,10 @@ public:
     HookSocketServer(const HookSocketServer&) = delete;
     HookSocketServer& operator=(const HookSocketServer&) = delete;
 
+    // Whether the socket's folder may hold it: a folder of this user's that
+    // group and others cannot enter (created 0700 when missing).
+    static Status checkFolder(const std::filesystem::path& socketPath);
+
     // Binds the socket (replacing a socket file nobody serves: the caller
     // makes sure of that) and starts the thread. Says why when it cannot.
     Status start();
