@@ -170,9 +170,12 @@ void HookSocketServer::loop() {
         fds.clear();
         ids.clear();
         fds.push_back({wakePipe_[0], POLLIN, 0});
-        fds.push_back({listenFd_, POLLIN, 0});
         auto now = Steady::now();
         auto deadline = SteadyTime::max();
+        // Out of descriptors: leave the queue alone for a moment rather than spin on it.
+        bool acceptPaused = now < acceptPausedUntil_;
+        fds.push_back({listenFd_, static_cast<short>(acceptPaused ? 0 : POLLIN), 0});
+        if (acceptPaused) deadline = acceptPausedUntil_;
         for (const auto& [id, c] : connections_) {
             short events = c.answering ? 0 : POLLIN;
             if (!c.out.empty()) events |= POLLOUT;
@@ -216,8 +219,11 @@ void HookSocketServer::acceptAll() {
         int fd = ::accept(listenFd_, nullptr, nullptr);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK) spdlog::warn("hook bridge: accept: {}", std::strerror(errno));
-            return;  // none left (or out of descriptors: the next wake-up tries again)
+            if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                if (acceptPausedUntil_ == SteadyTime{}) spdlog::warn("hook bridge: accept: {}", std::strerror(errno));
+                acceptPausedUntil_ = Steady::now() + std::chrono::milliseconds(100);
+            }
+            return;  // none left (or out of descriptors: tried again shortly)
         }
         auto peer = PeerCredentials::of(fd);
         if (!peer || peer->uid != PeerCredentials::currentUserId()) {
@@ -234,6 +240,7 @@ void HookSocketServer::acceptAll() {
             ::close(fd);
             continue;
         }
+        acceptPausedUntil_ = SteadyTime{};
         ConnectionId id = nextConnection_++;
         Connection c;
         c.fd = fd;

@@ -128,6 +128,7 @@ private:
     std::unordered_map<ConnectionId, Connection> connections_;
     ConnectionId nextConnection_ = 1;
     std::atomic<size_t> connectionCount_{0};
+    SteadyTime acceptPausedUntil_{};
     uint64_t socketDevice_ = 0;
     uint64_t socketInode_ = 0;
 };
