@@ -31,7 +31,7 @@ public:
     explicit RunningBridge(const std::filesystem::path& socket)
         : defaults_(socket.parent_path() / "defaults.json"), rules_(defaults_),
           bridge_(socket, socket.parent_path(), rules_, options()) {
-        if (!bridge_.start()) throw std::runtime_error("the bridge did not start");
+        if (!bridge_.start().ok) throw std::runtime_error("the bridge did not start");
     }
     ~RunningBridge() { bridge_.stop(); }
 

@@ -16,6 +16,7 @@
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
+#include "lumora/app/lumora_app.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
@@ -92,19 +93,7 @@ std::unique_ptr<ClaudeMonitor> makeMonitor(Sessions& s, ProcessDiscovery& discov
         ClaudeSessionSource::Paths{s.projects, s.root / "claude.json", s.root / "tmp"}, *memory,
         [](const std::string&, const ProcessSnapshot&) { return false; }));
     if (bridge) {
-        deps.hooks = [bridge](Date) {
-            HookSnapshot snap;
-            for (const auto& m : bridge->claudeMarkers()) {
-                HookSignals sig;
-                HookSignals::Marker marker;
-                marker.toolName = m.toolName;
-                marker.detail = m.detail;
-                sig.marker = marker;
-                sig.gateHeld = bridge->hasHeldGate(m.sessionId);
-                snap.signals[{HarnessProvider::claudeCode, m.sessionId}] = sig;
-            }
-            return snap;
-        };
+        deps.hooks = [bridge](Date now) { return LumoraApp::hookSnapshot(bridge->snapshot(now)); };
     }
     deps.loop = &loop;
     return std::make_unique<ClaudeMonitor>(std::move(deps));
@@ -155,7 +144,7 @@ void BM_HookLineToPublishedList(benchmark::State& state) {
     auto monitor = makeMonitor(s, discovery, loop, &bridge);
     bridge.setOnEvent([&] { monitor->refreshNow(); });
     bridge.setGating(true);
-    if (!bridge.start()) {
+    if (!bridge.start().ok) {
         state.SkipWithError("no socket");
         return;
     }

@@ -1,10 +1,12 @@
-// lumora-opencode v2 — written by Lumora. Safe to delete.
+// lumora-opencode v3 — written by Lumora. Safe to delete.
 // Reports OpenCode sessions to Lumora over its Unix socket: a permission
 // prompt can be answered from Lumora while the terminal prompt stays live
 // (whoever answers first wins), and a question shows as "needs you". It uses
 // nothing but Node's own modules, and every failure is silent: without
 // Lumora, OpenCode behaves as if this file were not here.
+import fs from "node:fs";
 import net from "node:net";
+import path from "node:path";
 const SOCKET = "";
 
 const SEND_TIMEOUT_MS = 3000;
@@ -14,6 +16,55 @@ const REMEMBERED_SESSIONS = 200;
 function socketPath() {
   const override = process.env.LUMORA_SOCKET;
   return override ? override : SOCKET;
+}
+
+// The socket's folder must be the user's own and writable by nobody else, or
+// anyone could stand in for Lumora and answer the prompts.
+function socketFolderIsPrivate(file) {
+  try {
+    const st = fs.statSync(path.dirname(file));
+    const uid = typeof process.getuid === "function" ? process.getuid() : st.uid;
+    return st.isDirectory() && st.uid === uid && (st.mode & 0o022) === 0;
+  } catch {
+    return false;
+  }
+}
+
+// Connects, trying again while the listen queue is full (EAGAIN) or the
+// socket does not listen yet (ECONNREFUSED), until `connectMs` have passed.
+// Resolves to a connected socket, or null.
+function connect(file, connectMs) {
+  return new Promise((resolve) => {
+    const deadline = Date.now() + connectMs;
+    let delay = 5;
+    const attempt = () => {
+      let sock;
+      try {
+        sock = net.createConnection(file);
+      } catch {
+        resolve(null);
+        return;
+      }
+      sock.once("connect", () => {
+        sock.removeAllListeners("error");
+        resolve(sock);
+      });
+      sock.once("error", (err) => {
+        try {
+          sock.destroy();
+        } catch {}
+        const code = err && err.code;
+        const left = deadline - Date.now();
+        if ((code === "EAGAIN" || code === "ECONNREFUSED") && left > 0) {
+          setTimeout(attempt, Math.min(delay, left));
+          delay = Math.min(delay * 2, 50);
+        } else {
+          resolve(null);
+        }
+      });
+    };
+    attempt();
+  });
 }
 
 // Writes one line; with `wantReply`, resolves to "allow", "deny" or null.
@@ -33,35 +84,47 @@ function exchange(message, timeoutMs, wantReply, abort) {
       } catch {}
       resolve(value);
     };
+    const file = socketPath();
+    let isSocket = false;
     try {
-      sock = net.createConnection(socketPath());
-    } catch {
+      isSocket = fs.statSync(file).isSocket();
+    } catch {}
+    if (!file || !isSocket || !socketFolderIsPrivate(file)) {
       finish(null);
       return;
     }
     timer = setTimeout(() => finish(null), timeoutMs);
     if (abort) abort(() => finish(null));
-    sock.setEncoding("utf8");
-    sock.on("error", () => finish(null));
-    sock.on("close", () => finish(null));
-    sock.on("connect", () => {
+    connect(file, Math.min(timeoutMs, SEND_TIMEOUT_MS)).then((connected) => {
+      if (!connected) {
+        finish(null);
+        return;
+      }
+      sock = connected;
+      if (done) {
+        sock.destroy();
+        return;
+      }
+      sock.setEncoding("utf8");
+      sock.on("error", () => finish(null));
+      sock.on("close", () => finish(null));
       const line = JSON.stringify(message) + "\n";
       if (wantReply) {
         sock.write(line);
       } else {
         sock.end(line);
       }
-    });
-    sock.on("data", (chunk) => {
-      buffer += chunk;
-      const end = buffer.indexOf("\n");
-      if (end < 0) return;
-      let behavior = null;
-      try {
-        const reply = JSON.parse(buffer.slice(0, end));
-        if (reply && (reply.behavior === "allow" || reply.behavior === "deny")) behavior = reply.behavior;
-      } catch {}
-      finish(behavior);
+      sock.on("data", (chunk) => {
+        buffer += chunk;
+        const end = buffer.indexOf("\n");
+        if (end < 0) return;
+        let behavior = null;
+        try {
+          const reply = JSON.parse(buffer.slice(0, end));
+          if (reply && (reply.behavior === "allow" || reply.behavior === "deny")) behavior = reply.behavior;
+        } catch {}
+        finish(behavior);
+      });
     });
   });
 }

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # Managed by Lumora: do not edit, it is rewritten whenever Lumora starts.
-# notch-cursor-hook v7
+# notch-cursor-hook v8
 #
 # Cursor agent hook. Tells Lumora what the agent is about to run (so a prompt
 # that waits on the user can be shown) and what it is doing. It never prints
@@ -9,6 +9,7 @@
 import json
 import os
 import socket
+import stat
 import sys
 import time
 
@@ -47,13 +48,55 @@ def socket_path():
     return os.path.join(data, "lumora", "notch.sock")
 
 
+def socket_folder_is_private(path):
+    """The socket's folder must be the user's own and writable by nobody else,
+    or anyone could stand in for Lumora and answer the prompts."""
+    try:
+        st = os.stat(os.path.dirname(path) or ".")
+    except OSError:
+        return False
+    return stat.S_ISDIR(st.st_mode) and st.st_uid == os.getuid() and not (st.st_mode & 0o022)
+
+
+def connect(timeout):
+    """A connected socket, or None. A full listen queue (EAGAIN) or a socket
+    not yet listening (ECONNREFUSED) is tried again until the deadline."""
+    path = socket_path()
+    if not socket_folder_is_private(path):
+        return None
+    try:
+        if not stat.S_ISSOCK(os.stat(path).st_mode):
+            return None
+    except OSError:
+        return None
+    deadline = time.monotonic() + timeout
+    delay = 0.005
+    while True:
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        left = deadline - time.monotonic()
+        if left <= 0:
+            sock.close()
+            return None
+        sock.settimeout(left)
+        try:
+            sock.connect(path)
+            return sock
+        except (BlockingIOError, ConnectionRefusedError, InterruptedError):
+            sock.close()
+        except Exception:
+            sock.close()
+            return None
+        time.sleep(min(delay, max(deadline - time.monotonic(), 0)))
+        delay = min(delay * 2, 0.05)
+
+
 def send(messages):
     """Writes every message as one line on a single connection; never waits for a reply."""
     sock = None
     try:
-        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        sock.settimeout(CONNECT_TIMEOUT)
-        sock.connect(socket_path())
+        sock = connect(CONNECT_TIMEOUT)
+        if sock is None:
+            return None
         payload = "".join(json.dumps(m, separators=(",", ":")) + "\n" for m in messages)
         sock.sendall(payload.encode("utf-8"))
     except Exception:

@@ -471,7 +471,7 @@ TEST(KimiHooks, TheManagedSectionIsRebuiltAndRemoved) {
     std::string command = "'\"" + python() + "\" \"" + (home / ".kimi-code/notch-kimi-hook.py").string() + "\" notify'";
     EXPECT_EQ(text, original + "\n" + KimiHooks::managedSection(*PythonLocator::interpreter()));
     EXPECT_NE(text.find("# ── managed by Lumora — begin (do not edit) ──\n"
-                        "# Live Prompts bridge (notch-kimi-hook v2) — reinstalled by Lumora on launch.\n"
+                        "# Live Prompts bridge (notch-kimi-hook v3) — reinstalled by Lumora on launch.\n"
                         "[[hooks]]\nevent = \"Notification\"\ncommand = " + command + "\ntimeout = 5\n"),
               std::string::npos);
     EXPECT_NE(text.find("event = \"StopFailure\""), std::string::npos);
@@ -502,7 +502,7 @@ TEST(OpenCodeHooks, ThePluginCarriesTheSocketPathAndItsMarker) {
     test::ScopedEnv socket("LUMORA_SOCKET", "/tmp/we\"ird\\dir/notch.sock");
     ASSERT_TRUE(OpenCodeHooks::install());
     std::string text = test::readFile(home / ".config/opencode/plugins/lumora.js");
-    EXPECT_EQ(text.rfind("// lumora-opencode v2 — written by Lumora. Safe to delete.\n", 0), 0u);
+    EXPECT_EQ(text.rfind("// lumora-opencode v3 — written by Lumora. Safe to delete.\n", 0), 0u);
     EXPECT_NE(text.find("const SOCKET = \"/tmp/we\\\"ird\\\\dir/notch.sock\";\n"), std::string::npos);
     EXPECT_EQ(text.find("require("), std::string::npos);
     EXPECT_TRUE(OpenCodeHooks::isInstalled());

@@ -5,6 +5,7 @@
 
 #include <sstream>
 
+#include "hooks/bridge_view.hpp"
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/app/approval_decision.hpp"
 #include "lumora/approvals/approval_request.hpp"
@@ -175,22 +176,37 @@ TEST(ApprovalDecision, DecideResolvesAndWidens) {
     HookBridge bridge(dir / "s" / "notch.sock", dir / "s", rules);
     bridge.setGating(true);
 
+    // A row as the view draws it: the prompt with the number of the gate that holds it.
     auto hold = [&](const std::string& sid, const std::string& tool, const std::string& detail) {
         bridge.handleLine(Json{{"session_id", sid}, {"action", "gate"}, {"tool_name", tool}, {"detail", detail}}.dump(), 1);
-        return ApprovalRequest{sid, tool, detail, bridge.hasHeldGate(sid), std::nullopt, false};
+        auto gate = test::heldGate(bridge, sid);
+        ApprovalRequest r{sid, tool, detail, gate.has_value(), std::nullopt, false};
+        r.gateId = gate.value_or(0);
+        return r;
     };
 
     // Deny: the gate is resolved, no rule made even when a scope is asked for.
     auto r = hold("s1", "Bash", "git push");
     EXPECT_EQ(decide(r, ApprovalVerdict::deny, DecisionScopeConfirmation::always, bridge, rules), std::nullopt);
-    EXPECT_FALSE(bridge.hasHeldGate("s1"));
+    EXPECT_FALSE(test::heldGate(bridge, "s1"));
     EXPECT_TRUE(rules.alwaysRules().empty());
 
     // Plain approve.
     r = hold("s1", "Bash", "git push");
     EXPECT_EQ(decide(r, ApprovalVerdict::allow, std::nullopt, bridge, rules), std::nullopt);
-    EXPECT_FALSE(bridge.hasHeldGate("s1"));
-    EXPECT_TRUE(bridge.claudeMarkers().empty());
+    EXPECT_FALSE(test::heldGate(bridge, "s1"));
+    EXPECT_EQ(test::markerCount(bridge), 0u);
+
+    // A decision made on a prompt that a newer one replaced before the redraw
+    // answers nothing: the newer prompt stays held with its own command.
+    auto shown = hold("s1", "Bash", "ls");
+    auto newer = hold("s1", "Bash", "rm -rf build");
+    EXPECT_NE(newer.gateId, shown.gateId);
+    decide(shown, ApprovalVerdict::allow, std::nullopt, bridge, rules);
+    EXPECT_EQ(test::heldGate(bridge, "s1"), newer.gateId);
+    EXPECT_EQ(test::markerOf(bridge, "s1")->detail, "rm -rf build");
+    decide(newer, ApprovalVerdict::deny, std::nullopt, bridge, rules);
+    EXPECT_FALSE(test::heldGate(bridge, "s1"));
 
     // This session: one session rule per head.
     r = hold("s1", "Bash", "git push && npm publish");
@@ -212,6 +228,6 @@ TEST(ApprovalDecision, DecideResolvesAndWidens) {
     bridge.handleLine(R"({"session_id":"s3","kind":"permission","tool_name":"Bash","detail":"rm x"})");
     ApprovalRequest gone{"s3", "Bash", "rm x", false, std::nullopt, false};
     EXPECT_EQ(decide(gone, ApprovalVerdict::allow, DecisionScopeConfirmation::always, bridge, rules), std::nullopt);
-    EXPECT_TRUE(bridge.claudeMarkers().empty());
+    EXPECT_EQ(test::markerCount(bridge), 0u);
     EXPECT_EQ(rules.alwaysRules().size(), 1u);
 }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <nlohmann/json.hpp>
 
+#include "hooks/bridge_view.hpp"
 #include "hooks/socket_client.hpp"
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
@@ -16,6 +17,7 @@ using namespace lumora;
 using namespace lumora::test;
 using namespace std::chrono_literals;
 using Json = nlohmann::ordered_json;
+using scrivet::HarnessProvider;
 
 namespace {
 
@@ -46,11 +48,8 @@ protected:
         bridge->setOnEvent([this] { ++events; });
     }
 
-    std::optional<AttentionMarker> claudeMarker(const std::string& sid) const {
-        for (const auto& m : bridge->claudeMarkers())
-            if (m.sessionId == sid) return m;
-        return std::nullopt;
-    }
+    std::optional<AttentionMarker> claudeMarker(const std::string& sid) const { return markerOf(*bridge, sid); }
+    bool isHeld(const std::string& sid) const { return heldGate(*bridge, sid).has_value(); }
 
     TempDir dir;
     DefaultsStore defaults{dir / "defaults.json"};
@@ -64,7 +63,7 @@ protected:
 }  // namespace
 
 TEST_F(HookBridgeTest, HeldGateShowsMarkerUntilResolved) {
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
 
     struct stat st{};
@@ -77,20 +76,20 @@ TEST_F(HookBridgeTest, HeldGateShowsMarkerUntilResolved) {
     SocketClient client(socket);
     ASSERT_TRUE(client.connected());
     ASSERT_TRUE(client.send(gate(kSid, "npm test") + "\n"));
-    ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate(kSid); }));
+    ASSERT_TRUE(eventually([&] { return isHeld(kSid); }));
     auto marker = claudeMarker(kSid);
     ASSERT_TRUE(marker);
     EXPECT_EQ(marker->kind, "permission");
     EXPECT_EQ(marker->toolName, "Bash");
     EXPECT_EQ(marker->detail, "npm test");
     EXPECT_EQ(marker->reason, "Run the tests");
-    EXPECT_EQ(bridge->claudeMarkerCreatedAt().count(kSid), 1u);
+    EXPECT_EQ(snap(*bridge).claudeMarkerCreatedAt.count(kSid), 1u);
     EXPECT_TRUE(eventually([&] { return events > 0; }));
     EXPECT_TRUE(client.staysSilent(100ms));
 
-    bridge->resolve(kSid, true);
+    resolveHeld(*bridge, kSid, true);
     EXPECT_EQ(client.readUntilClosed(), kAllow);
-    EXPECT_FALSE(bridge->hasHeldGate(kSid));
+    EXPECT_FALSE(isHeld(kSid));
     EXPECT_FALSE(claudeMarker(kSid));
 
     // A Codex gate, denied; its escalation and reason travel with the marker.
@@ -99,24 +98,24 @@ TEST_F(HookBridgeTest, HeldGateShowsMarkerUntilResolved) {
                      {"tool_name", "Bash"}, {"detail", "rm -rf build"}, {"reason", "needs write access"},
                      {"escalated", true}}) +
                "\n");
-    ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate("codex-1"); }));
-    auto codexMarkers = bridge->codexMarkers();
-    ASSERT_EQ(codexMarkers.size(), 1u);
-    EXPECT_TRUE(codexMarkers[0].escalated);
-    EXPECT_EQ(codexMarkers[0].reason, "needs write access");
-    bridge->resolve("codex-1", false);
+    ASSERT_TRUE(eventually([&] { return isHeld("codex-1"); }));
+    auto codexMarker = markerOf(*bridge, "codex-1", HarnessProvider::codex);
+    ASSERT_TRUE(codexMarker);
+    EXPECT_TRUE(codexMarker->escalated);
+    EXPECT_EQ(codexMarker->reason, "needs write access");
+    resolveHeld(*bridge, "codex-1", false);
     EXPECT_EQ(codex.readUntilClosed(), kDeny);
-    EXPECT_TRUE(bridge->codexMarkers().empty());
+    EXPECT_TRUE(markerCount(*bridge, HarnessProvider::codex) == 0);
 
     // Resolving a session without a held gate only removes its markers.
     sendLine(socket, line({{"session_id", "s2"}, {"kind", "permission"}, {"tool_name", "Edit"}}));
     ASSERT_TRUE(eventually([&] { return claudeMarker("s2").has_value(); }));
-    bridge->resolve("s2", true);
+    bridge->resolve("s2", 0, true);
     EXPECT_FALSE(claudeMarker("s2"));
 }
 
 TEST_F(HookBridgeTest, GatingOffRulesAndReplacedGates) {
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
 
     // Gating off: "passthrough" at once, nothing shown.
     SocketClient off(socket);
@@ -131,7 +130,7 @@ TEST_F(HookBridgeTest, GatingOffRulesAndReplacedGates) {
     ruled.send(gate(kSid, "git status") + "\n");
     EXPECT_EQ(ruled.readUntilClosed(), kAllow);
     EXPECT_FALSE(claudeMarker(kSid));
-    EXPECT_FALSE(bridge->hasHeldGate(kSid));
+    EXPECT_FALSE(isHeld(kSid));
     // The line is appended by the bridge's thread after the answer went out.
     const std::string expected = "  auto-approve tool=Bash session=" + kSid + " head=git status";
     EXPECT_TRUE(eventually([&] { return readFile(support / "approvals.log").find(expected) != std::string::npos; }))
@@ -140,14 +139,14 @@ TEST_F(HookBridgeTest, GatingOffRulesAndReplacedGates) {
     // A compound command is covered only when each program is.
     SocketClient compound(socket);
     compound.send(gate(kSid, "git status && npm test") + "\n");
-    ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate(kSid); }));
+    ASSERT_TRUE(eventually([&] { return isHeld(kSid); }));
 
     // A newer gate of the same session replaces the older one, which is let go.
     SocketClient newer(socket);
     newer.send(gate(kSid, "make") + "\n");
     EXPECT_EQ(compound.readUntilClosed(), kPassthrough);
+    ASSERT_TRUE(eventually([&] { return isHeld(kSid); }));
     EXPECT_EQ(claudeMarker(kSid)->detail, "make");
-    EXPECT_TRUE(bridge->hasHeldGate(kSid));
 
     // Escalated Codex requests are never auto-approved.
     rules.addAlwaysRule("Bash", "ls");
@@ -155,36 +154,36 @@ TEST_F(HookBridgeTest, GatingOffRulesAndReplacedGates) {
     escalated.send(line({{"source", "codex"}, {"session_id", "c"}, {"action", "gate"}, {"tool_name", "Bash"},
                          {"detail", "ls"}, {"escalated", true}}) +
                    "\n");
-    ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate("c"); }));
+    ASSERT_TRUE(eventually([&] { return isHeld("c"); }));
 
     // Quitting the view lets every held gate go; markers stay.
     bridge->releaseAllGates();
     EXPECT_EQ(newer.readUntilClosed(), kPassthrough);
     EXPECT_EQ(escalated.readUntilClosed(), kPassthrough);
-    EXPECT_TRUE(bridge->heldGateSessions().empty());
+    EXPECT_TRUE(snap(*bridge).gates.empty());
     EXPECT_TRUE(claudeMarker(kSid));
 }
 
 TEST_F(HookBridgeTest, TurnStateBusydoneAndDisconnect) {
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
     auto now = std::chrono::system_clock::now();
 
     sendLine(socket, action(kSid, "start"));
-    ASSERT_TRUE(eventually([&] { return bridge->claudeBusySessions(std::chrono::system_clock::now()).count(kSid); }));
-    auto started = bridge->claudeBusy(std::chrono::system_clock::now()).at(kSid);
+    ASSERT_TRUE(eventually([&] { return snap(*bridge).claudeBusy.count(kSid); }));
+    auto started = snap(*bridge).claudeBusy.at(kSid);
     EXPECT_GE(started, now - 1s);
-    EXPECT_TRUE(bridge->claudeBusy(started + 1801s).empty());
+    EXPECT_TRUE(bridge->snapshot(started + 1801s).claudeBusy.empty());
 
     // busydone while a gate is held: the prompt was answered in the terminal.
     SocketClient held(socket);
     held.send(gate(kSid, "npm test") + "\n");
-    ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate(kSid); }));
+    ASSERT_TRUE(eventually([&] { return isHeld(kSid); }));
     sendLine(socket, action(kSid, "busy"));
     sendLine(socket, action(kSid, "busydone"));
     EXPECT_EQ(held.readUntilClosed(), kPassthrough);
     EXPECT_FALSE(claudeMarker(kSid));
-    EXPECT_TRUE(bridge->claudeBusySessions(std::chrono::system_clock::now()).count(kSid));
+    EXPECT_TRUE(snap(*bridge).claudeBusy.count(kSid));
 
     // A question marker survives busydone; "start" clears it; "done" ends busy.
     sendLine(socket, line({{"session_id", kSid}, {"action", "marker"}, {"kind", "question"},
@@ -193,7 +192,7 @@ TEST_F(HookBridgeTest, TurnStateBusydoneAndDisconnect) {
     ASSERT_TRUE(eventually([&] { return claudeMarker(kSid).has_value(); }));
     sendLine(socket, action(kSid, "busydone"));
     sendLine(socket, action("other", "busy"));
-    ASSERT_TRUE(eventually([&] { return bridge->claudeBusySessions(std::chrono::system_clock::now()).count("other"); }));
+    ASSERT_TRUE(eventually([&] { return snap(*bridge).claudeBusy.count("other"); }));
     auto question = claudeMarker(kSid);
     ASSERT_TRUE(question);
     EXPECT_EQ(question->kind, "question");
@@ -202,38 +201,38 @@ TEST_F(HookBridgeTest, TurnStateBusydoneAndDisconnect) {
     sendLine(socket, action(kSid, "start"));
     ASSERT_TRUE(eventually([&] { return !claudeMarker(kSid); }));
     sendLine(socket, action(kSid, "done"));
-    ASSERT_TRUE(eventually([&] { return !bridge->claudeBusySessions(std::chrono::system_clock::now()).count(kSid); }));
+    ASSERT_TRUE(eventually([&] { return !snap(*bridge).claudeBusy.count(kSid); }));
 
     // A client that goes away while held takes its marker with it.
     {
         SocketClient gone(socket);
         gone.send(gate("s3", "cargo build", "opencode") + "\n");
-        ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate("s3"); }));
-        EXPECT_EQ(bridge->openCodeMarkers().size(), 1u);
+        ASSERT_TRUE(eventually([&] { return isHeld("s3"); }));
+        EXPECT_EQ(markerCount(*bridge, HarnessProvider::opencode), 1u);
     }
-    EXPECT_TRUE(eventually([&] { return !bridge->hasHeldGate("s3") && bridge->openCodeMarkers().empty(); }));
+    EXPECT_TRUE(eventually([&] { return !isHeld("s3") && markerCount(*bridge, HarnessProvider::opencode) == 0; }));
 
     // "done" while held lets the gate go; an OpenCode marker outlives resolve until its "clear".
     SocketClient open(socket);
     open.send(gate("s4", "ls", "opencode") + "\n");
-    ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate("s4"); }));
-    bridge->resolve("s4", true);
+    ASSERT_TRUE(eventually([&] { return isHeld("s4"); }));
+    resolveHeld(*bridge, "s4", true);
     EXPECT_EQ(open.readUntilClosed(), kAllow);
-    EXPECT_EQ(bridge->openCodeMarkers().size(), 1u);
+    EXPECT_EQ(markerCount(*bridge, HarnessProvider::opencode), 1u);
     sendLine(socket, action("s4", "clear", "opencode"));
-    EXPECT_TRUE(eventually([&] { return bridge->openCodeMarkers().empty(); }));
+    EXPECT_TRUE(eventually([&] { return markerCount(*bridge, HarnessProvider::opencode) == 0; }));
 
     // Kimi: markers and clear; "observe" changes nothing.
     sendLine(socket, line({{"source", "kimi"}, {"session_id", "session_k"}, {"kind", "idle"}}));
     sendLine(socket, action("session_k", "observe", "kimi"));
-    ASSERT_TRUE(eventually([&] { return bridge->kimiMarkers().size() == 1; }));
-    EXPECT_EQ(bridge->kimiMarkers()[0].kind, "idle");
+    ASSERT_TRUE(eventually([&] { return markerCount(*bridge, HarnessProvider::kimi) == 1; }));
+    EXPECT_EQ(markerOf(*bridge, "session_k", HarnessProvider::kimi)->kind, "idle");
     sendLine(socket, action("session_k", "clear", "kimi"));
-    EXPECT_TRUE(eventually([&] { return bridge->kimiMarkers().empty(); }));
+    EXPECT_TRUE(eventually([&] { return markerCount(*bridge, HarnessProvider::kimi) == 0; }));
 }
 
 TEST_F(HookBridgeTest, CursorNotesAndModels) {
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     double ts = Dates::toSeconds(std::chrono::system_clock::now());
     // The Cursor hook writes several lines on one connection.
     {
@@ -246,9 +245,9 @@ TEST_F(HookBridgeTest, CursorNotesAndModels) {
                      {"status", "shell"}, {"title", std::string(200, 't')}, {"ts", ts}}) +
                "\n");
     }
-    ASSERT_TRUE(eventually([&] { return bridge->cursorActivity(std::chrono::system_clock::now()).size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return snap(*bridge).cursorActivity.size() == 1; }));
     auto now = std::chrono::system_clock::now();
-    auto pending = bridge->cursorPending(now);
+    auto pending = bridge->snapshot(now).cursorPending;
     ASSERT_EQ(pending.count("cid-1"), 1u);
     const auto& p = pending.at("cid-1");
     EXPECT_EQ(p.kind, "shell");
@@ -257,23 +256,24 @@ TEST_F(HookBridgeTest, CursorNotesAndModels) {
     EXPECT_EQ(p.transcriptPath, "/tmp/t.jsonl");
     EXPECT_DOUBLE_EQ(p.ts, ts);
     EXPECT_LE(p.command.size(), 202u);  // 200 characters with the ellipsis
-    EXPECT_EQ(bridge->cursorActivity(now).at("cid-1").status, "shell");
-    EXPECT_EQ(bridge->cursorModels().at("cid-1"), "gpt-5");
-    EXPECT_TRUE(bridge->cursorPending(now + 1801s).empty());
-    EXPECT_TRUE(bridge->cursorActivity(now + 1801s).empty());
-    EXPECT_TRUE(bridge->claudeMarkers().empty());  // Cursor is never gated
+    EXPECT_EQ(bridge->snapshot(now).cursorActivity.at("cid-1").status, "shell");
+    EXPECT_EQ(snap(*bridge).cursorModels.at("cid-1"), "gpt-5");
+    EXPECT_TRUE(bridge->snapshot(now + 1801s).cursorPending.empty());
+    EXPECT_TRUE(bridge->snapshot(now + 1801s).cursorActivity.empty());
+    EXPECT_TRUE(markerCount(*bridge) == 0);  // Cursor is never gated
 
     sendLine(socket, line({{"source", "cursor"}, {"session_id", "cid-1"}, {"action", "pending-clear"}}));
     sendLine(socket, line({{"source", "cursor"}, {"session_id", "cid-1"}, {"action", "activity-clear"}}));
     EXPECT_TRUE(eventually([&] {
         auto t = std::chrono::system_clock::now();
-        return bridge->cursorPending(t).empty() && bridge->cursorActivity(t).empty();
+        auto s = bridge->snapshot(t);
+        return s.cursorPending.empty() && s.cursorActivity.empty();
     }));
-    EXPECT_EQ(bridge->cursorModels().at("cid-1"), "gpt-5");
+    EXPECT_EQ(snap(*bridge).cursorModels.at("cid-1"), "gpt-5");
 }
 
 TEST_F(HookBridgeTest, StateSurvivesRestartWithinHalfAnHour) {
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
     sendLine(socket, line({{"session_id", kSid}, {"kind", "question"}, {"tool_name", "AskUserQuestion"},
                            {"detail", "Ship it?"}}));
@@ -281,14 +281,14 @@ TEST_F(HookBridgeTest, StateSurvivesRestartWithinHalfAnHour) {
     sendLine(socket, line({{"source", "cursor"}, {"session_id", "cid"}, {"action", "activity"},
                            {"status", "editing"}, {"model", "composer-1"}}));
     sendLine(socket, action(kSid, "busy"));
-    ASSERT_TRUE(eventually([&] { return bridge->cursorModels().size() == 1 && bridge->codexMarkers().size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return snap(*bridge).cursorModels.size() == 1 && markerCount(*bridge, HarnessProvider::codex) == 1; }));
 
     // Saved after each change, not only at teardown, so a crash keeps the markers.
     ASSERT_TRUE(eventually([&] {
         auto state = Json::parse(readFile(support / "hook-state.json"), nullptr, false);
         return !state.is_discarded() && state["claudeMarkers"].contains(kSid) && state["cursorModels"].contains("cid");
     }));
-    auto createdAt = bridge->claudeMarkerCreatedAt().at(kSid);
+    auto createdAt = snap(*bridge).claudeMarkerCreatedAt.at(kSid);
     bridge->stop();
     EXPECT_FALSE(std::filesystem::exists(socket));
 
@@ -300,15 +300,15 @@ TEST_F(HookBridgeTest, StateSurvivesRestartWithinHalfAnHour) {
     EXPECT_EQ(state["claudeMarkers"][kSid]["sessionId"], kSid);
 
     makeBridge();
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     auto marker = claudeMarker(kSid);
     ASSERT_TRUE(marker);
     EXPECT_EQ(marker->detail, "Ship it?");
-    EXPECT_EQ(bridge->codexMarkers().size(), 1u);
-    EXPECT_EQ(bridge->cursorModels().at("cid"), "composer-1");
-    EXPECT_EQ(bridge->cursorActivity(std::chrono::system_clock::now()).size(), 1u);
-    EXPECT_LT(std::chrono::abs(bridge->claudeMarkerCreatedAt().at(kSid) - createdAt), 1ms);
-    EXPECT_TRUE(bridge->claudeBusy(std::chrono::system_clock::now()).empty());  // busy is not saved
+    EXPECT_EQ(markerCount(*bridge, HarnessProvider::codex), 1u);
+    EXPECT_EQ(snap(*bridge).cursorModels.at("cid"), "composer-1");
+    EXPECT_EQ(snap(*bridge).cursorActivity.size(), 1u);
+    EXPECT_LT(std::chrono::abs(snap(*bridge).claudeMarkerCreatedAt.at(kSid) - createdAt), 1ms);
+    EXPECT_TRUE(snap(*bridge).claudeBusy.empty());  // busy is not saved
     bridge->stop();
 
     // A state file older than 1800 seconds describes prompts that are long gone.
@@ -316,9 +316,9 @@ TEST_F(HookBridgeTest, StateSurvivesRestartWithinHalfAnHour) {
     state["savedAt"] = Dates::format(std::chrono::system_clock::now() - 1801s);
     writeFile(support / "hook-state.json", state.dump());
     makeBridge();
-    ASSERT_TRUE(bridge->start());
-    EXPECT_TRUE(bridge->claudeMarkers().empty());
-    EXPECT_TRUE(bridge->cursorModels().empty());
+    ASSERT_TRUE(bridge->start().ok);
+    EXPECT_TRUE(markerCount(*bridge) == 0);
+    EXPECT_TRUE(snap(*bridge).cursorModels.empty());
     bridge->stop();
 
     // Within the window, Claude markers older than a day are pruned; a corrupt file starts empty.
@@ -326,23 +326,23 @@ TEST_F(HookBridgeTest, StateSurvivesRestartWithinHalfAnHour) {
     state["claudeMarkerCreatedAt"][kSid] = Dates::format(std::chrono::system_clock::now() - 86401s);
     writeFile(support / "hook-state.json", state.dump());
     makeBridge();
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     EXPECT_FALSE(claudeMarker(kSid));
-    EXPECT_EQ(bridge->codexMarkers().size(), 1u);
+    EXPECT_EQ(markerCount(*bridge, HarnessProvider::codex), 1u);
     bridge->stop();
     writeFile(support / "hook-state.json", "{not json");
     makeBridge();
-    ASSERT_TRUE(bridge->start());
-    EXPECT_TRUE(bridge->codexMarkers().empty());
+    ASSERT_TRUE(bridge->start().ok);
+    EXPECT_TRUE(markerCount(*bridge, HarnessProvider::codex) == 0);
 }
 
 TEST_F(HookBridgeTest, BadInputHarmsNobody) {
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
 
     SocketClient held(socket);
     held.send(gate(kSid, "npm test") + "\n");
-    ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate(kSid); }));
+    ASSERT_TRUE(eventually([&] { return isHeld(kSid); }));
 
     std::vector<std::string> bad = {
         "not json",
@@ -373,16 +373,16 @@ TEST_F(HookBridgeTest, BadInputHarmsNobody) {
         // A client that asks for a gate and never reads its answer.
         SocketClient deaf(socket);
         deaf.send(gate("deaf", "ls", "claude") + "\n");
-        ASSERT_TRUE(eventually([&] { return bridge->hasHeldGate("deaf"); }));
-        bridge->resolve("deaf", true);
+        ASSERT_TRUE(eventually([&] { return isHeld("deaf"); }));
+        resolveHeld(*bridge, "deaf", true);
     }
     // After all that, the bridge still serves everyone, and the held gate is intact.
     sendLine(socket, line({{"session_id", "good"}, {"kind", "idle"}}));
     ASSERT_TRUE(eventually([&] { return claudeMarker("good").has_value(); }));
     EXPECT_FALSE(claudeMarker("x"));
     EXPECT_FALSE(claudeMarker("half"));
-    EXPECT_TRUE(bridge->hasHeldGate(kSid));
-    bridge->resolve(kSid, true);
+    EXPECT_TRUE(isHeld(kSid));
+    resolveHeld(*bridge, kSid, true);
     EXPECT_EQ(held.readUntilClosed(), kAllow);
 
     std::string trace = readFile(dir / "trace.log");
@@ -393,10 +393,10 @@ TEST_F(HookBridgeTest, BadInputHarmsNobody) {
 
 TEST_F(HookBridgeTest, ConnectionLimitsLongLinesAndIdleClients) {
     HookBridgeOptions options;
-    options.maxConnections = 3;
-    options.idleTimeout = 300ms;
+    options.server.maxConnections = 3;
+    options.server.lineTimeout = 300ms;
     makeBridge(options);
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
 
     std::vector<std::unique_ptr<SocketClient>> gates;
@@ -404,16 +404,16 @@ TEST_F(HookBridgeTest, ConnectionLimitsLongLinesAndIdleClients) {
         gates.push_back(std::make_unique<SocketClient>(socket));
         gates.back()->send(gate("g" + std::to_string(i), "make") + "\n");
     }
-    ASSERT_TRUE(eventually([&] { return bridge->heldGateSessions().size() == 3; }));
+    ASSERT_TRUE(eventually([&] { return snap(*bridge).gates.size() == 3; }));
 
     // A fourth connection is refused while the held gates keep working.
     SocketClient extra(socket);
     EXPECT_EQ(extra.readUntilClosed(2s), "");
     // Held gates outlive the idle time-out.
     std::this_thread::sleep_for(500ms);
-    EXPECT_EQ(bridge->heldGateSessions().size(), 3u);
+    EXPECT_EQ(snap(*bridge).gates.size(), 3u);
     for (int i = 0; i < 3; ++i) {
-        bridge->resolve("g" + std::to_string(i), i % 2 == 0);
+        resolveHeld(*bridge, "g" + std::to_string(i), i % 2 == 0);
         EXPECT_EQ(gates[i]->readUntilClosed(), i % 2 == 0 ? kAllow : kDeny);
     }
 
@@ -435,10 +435,14 @@ TEST_F(HookBridgeTest, ConnectionLimitsLongLinesAndIdleClients) {
 }
 
 TEST_F(HookBridgeTest, RefusesFoldersOthersCanEnterAndReplacesStaleSocket) {
-    // A folder that group or others may enter is refused.
+    // A folder that group or others may enter is refused, and the bridge says why.
     std::filesystem::create_directories(support);
     ::chmod(support.c_str(), 0755);
-    EXPECT_FALSE(bridge->start());
+    Status refused = bridge->start();
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(refused.why, "the socket's folder " + support.string() + " is open to group or others");
+    EXPECT_EQ(bridge->listening(), refused);
+    EXPECT_EQ(snap(*bridge).listening, refused);
     EXPECT_FALSE(std::filesystem::exists(socket));
 
     // A socket file left by a crashed run is replaced.
@@ -452,31 +456,31 @@ TEST_F(HookBridgeTest, RefusesFoldersOthersCanEnterAndReplacesStaleSocket) {
         ::close(fd);
     }
     ASSERT_TRUE(std::filesystem::exists(socket));
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     sendLine(socket, line({{"session_id", "s"}, {"kind", "idle"}}));
     EXPECT_TRUE(eventually([&] { return claudeMarker("s").has_value(); }));
     bridge->stop();
 
     // A regular file at the socket's path is not ours to remove.
     writeFile(socket, "keep me");
-    EXPECT_FALSE(bridge->start());
+    EXPECT_EQ(bridge->start().why, socket.string() + " is taken by something that is not a socket");
     EXPECT_EQ(readFile(socket), "keep me");
 
     // A path too long for a socket address fails cleanly.
     auto deep = support / std::string(120, 'd');
     HookBridge longPath(deep / "notch.sock", support, rules);
-    EXPECT_FALSE(longPath.start());
+    EXPECT_NE(longPath.start().why.find("the socket path is too long"), std::string::npos);
 }
 
 TEST_F(HookBridgeTest, LineHandlerWorksWithoutSocket) {
     bridge->setGating(true);
     bridge->handleLine(gate(kSid, "npm test"), 7);
-    EXPECT_TRUE(bridge->hasHeldGate(kSid));
+    EXPECT_TRUE(isHeld(kSid));
     EXPECT_EQ(events.load(), 1);
     bridge->handleLine("garbage", 7);
     EXPECT_EQ(events.load(), 1);  // a dropped line changes nothing
     bridge->handleLine(action(kSid, "done"));
-    EXPECT_FALSE(bridge->hasHeldGate(kSid));
+    EXPECT_FALSE(isHeld(kSid));
     EXPECT_FALSE(claudeMarker(kSid));
     EXPECT_EQ(events.load(), 2);
 
@@ -489,7 +493,7 @@ TEST_F(HookBridgeTest, LineHandlerWorksWithoutSocket) {
 }
 
 TEST_F(HookBridgeTest, PythonHookClientGetsItsAnswer) {
-    ASSERT_TRUE(bridge->start());
+    ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
     // A client written the way the hook programs are: connect, one line, wait for one line.
     writeFile(dir / "client.py", R"(import json, socket, sys
@@ -503,10 +507,10 @@ print(json.loads(reply)["behavior"] if reply else "none")
 )");
     CommandResult result;
     std::thread client([&] { result = runCommand("python3 " + (dir / "client.py").string() + " " + socket.string() + " py-1"); });
-    bool held = eventually([&] { return bridge->hasHeldGate("py-1"); });
-    bridge->resolve("py-1", true);
+    bool wasHeld = eventually([&] { return isHeld("py-1"); });
+    resolveHeld(*bridge, "py-1", true);
     client.join();
-    ASSERT_TRUE(held);
+    ASSERT_TRUE(wasHeld);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "allow\n");
 }

@@ -10,6 +10,7 @@
 #include "lumora/base/file_util.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/embedded_resources.hpp"
+#include "hooks/bridge_view.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
 #include "lumora/hooks/hook_self_test.hpp"
 #include "lumora/platform/child_process.hpp"
@@ -59,7 +60,7 @@ protected:
         HookBridgeOptions options;
         options.traceFile = std::nullopt;
         bridge_ = std::make_unique<HookBridge>(socket_, dir_ / "support", *rules_, options);
-        ASSERT_TRUE(bridge_->start());
+        ASSERT_TRUE(bridge_->start().ok);
     }
     void TearDown() override {
         if (bridge_) bridge_->stop();
@@ -91,11 +92,11 @@ TEST_F(RealBridge, ClaudeTurnStateQuestionAndGate) {
     Json prompt = sample("claude", "tui-ask", "UserPromptSubmit");
     std::string sid = prompt["session_id"];
     EXPECT_EQ(run("notch-hook.py", "start", prompt), "");
-    EXPECT_TRUE(eventually([&] { return bridge_->claudeBusySessions(std::chrono::system_clock::now()).count(sid); }));
+    EXPECT_TRUE(eventually([&] { return test::snap(*bridge_).claudeBusy.count(sid); }));
 
     EXPECT_EQ(run("notch-hook.py", "ask", sample("claude", "tui-ask", "PreToolUse")), "");
-    ASSERT_TRUE(eventually([&] { return !bridge_->claudeMarkers().empty(); }));
-    AttentionMarker marker = bridge_->claudeMarkers()[0];
+    ASSERT_TRUE(eventually([&] { return test::markerCount(*bridge_) > 0; }));
+    AttentionMarker marker = test::snap(*bridge_).markers[scrivet::HarnessProvider::claudeCode].begin()->second;
     EXPECT_EQ(marker.sessionId, sid);
     EXPECT_EQ(marker.kind, "question");
     EXPECT_EQ(marker.detail, "Which database should the service use?");
@@ -107,14 +108,13 @@ TEST_F(RealBridge, ClaudeTurnStateQuestionAndGate) {
     Json permission = sample("claude", "bashwrite-hook-allow", "PermissionRequest");
     std::string gid = permission["session_id"];
     auto child = spawn("notch-hook.py", "gate", permission);
-    ASSERT_TRUE(eventually([&] { return bridge_->hasHeldGate(gid); }));
-    auto markers = bridge_->claudeMarkers();
-    auto held = std::find_if(markers.begin(), markers.end(), [&](const AttentionMarker& m) { return m.sessionId == gid; });
-    ASSERT_NE(held, markers.end());
+    ASSERT_TRUE(eventually([&] { return test::heldGate(*bridge_, gid).has_value(); }));
+    auto held = test::markerOf(*bridge_, gid);
+    ASSERT_TRUE(held);
     EXPECT_EQ(held->kind, "permission");
     EXPECT_EQ(held->detail, "touch harness-made.txt");
     EXPECT_EQ(held->reason, "Run touch harness-made.txt");
-    bridge_->resolve(gid, true);
+    test::resolveHeld(*bridge_, gid, true);
     ASSERT_TRUE(child->wait(10s));
     Json printed = Json::parse(child->output());
     EXPECT_EQ(printed["hookSpecificOutput"]["decision"]["behavior"], "allow");
@@ -125,7 +125,7 @@ TEST_F(RealBridge, ClaudeTurnStateQuestionAndGate) {
     EXPECT_EQ(run("notch-hook.py", "gate", permission), "");
 
     EXPECT_EQ(run("notch-hook.py", "done", sample("claude", "tui-ask", "Stop")), "");
-    EXPECT_TRUE(eventually([&] { return bridge_->claudeBusySessions(std::chrono::system_clock::now()).count(sid) == 0; }));
+    EXPECT_TRUE(eventually([&] { return test::snap(*bridge_).claudeBusy.count(sid) == 0; }));
 }
 
 TEST_F(RealBridge, CodexGateDeniedFromTheNotch) {
@@ -133,43 +133,45 @@ TEST_F(RealBridge, CodexGateDeniedFromTheNotch) {
     Json permission = sample("codex", "tui-escalate-manual", "PermissionRequest");
     std::string sid = permission["session_id"];
     auto child = spawn("notch-codex-hook.py", "gate", permission);
-    ASSERT_TRUE(eventually([&] { return bridge_->hasHeldGate(sid); }));
-    ASSERT_EQ(bridge_->codexMarkers().size(), 1u);
-    EXPECT_EQ(bridge_->codexMarkers()[0].detail, "touch /home/dev/agents/outside-sandbox.txt");
-    EXPECT_EQ(bridge_->codexMarkers()[0].reason, "The harness needs to write outside the sandbox.");
-    bridge_->resolve(sid, false);
+    ASSERT_TRUE(eventually([&] { return test::heldGate(*bridge_, sid).has_value(); }));
+    auto codex = test::markerOf(*bridge_, sid, scrivet::HarnessProvider::codex);
+    ASSERT_TRUE(codex);
+    EXPECT_EQ(codex->detail, "touch /home/dev/agents/outside-sandbox.txt");
+    EXPECT_EQ(codex->reason, "The harness needs to write outside the sandbox.");
+    test::resolveHeld(*bridge_, sid, false);
     ASSERT_TRUE(child->wait(10s));
     Json printed = Json::parse(child->output());
     EXPECT_EQ(printed["continue"], true);
     EXPECT_EQ(printed["hookSpecificOutput"]["decision"], Json({{"behavior", "deny"}, {"message", "Denied from Lumora"}}));
-    EXPECT_TRUE(bridge_->codexMarkers().empty());
+    EXPECT_TRUE(test::markerCount(*bridge_, scrivet::HarnessProvider::codex) == 0);
 
     // The program giving up (the agent interrupted) removes the marker.
     child = spawn("notch-codex-hook.py", "gate", permission);
-    ASSERT_TRUE(eventually([&] { return bridge_->hasHeldGate(sid); }));
+    ASSERT_TRUE(eventually([&] { return test::heldGate(*bridge_, sid).has_value(); }));
     child->kill();
-    EXPECT_TRUE(eventually([&] { return bridge_->codexMarkers().empty() && !bridge_->hasHeldGate(sid); }));
+    EXPECT_TRUE(eventually([&] { return test::markerCount(*bridge_, scrivet::HarnessProvider::codex) == 0 && !test::heldGate(*bridge_, sid).has_value(); }));
 }
 
 TEST_F(RealBridge, CursorNotesAndKimiMarkers) {
     Json shell = {{"conversation_id", "conv-9"}, {"hook_event_name", "beforeShellExecution"}, {"command", "make deploy"},
                   {"workspace_roots", {"/w/site"}}, {"model", "claude-4.5-sonnet"}};
     EXPECT_EQ(run("notch-cursor-hook.py", "", shell), "");
-    ASSERT_TRUE(eventually([&] { return bridge_->cursorPending(std::chrono::system_clock::now()).count("conv-9"); }));
-    auto note = bridge_->cursorPending(std::chrono::system_clock::now()).at("conv-9");
+    ASSERT_TRUE(eventually([&] { return test::snap(*bridge_).cursorPending.count("conv-9"); }));
+    auto note = test::snap(*bridge_).cursorPending.at("conv-9");
     EXPECT_EQ(note.kind, "shell");
     EXPECT_EQ(note.command, "make deploy");
     EXPECT_EQ(note.cwd, "/w/site");
-    EXPECT_EQ(bridge_->cursorModels().at("conv-9"), "claude-4.5-sonnet");
-    EXPECT_EQ(bridge_->cursorActivity(std::chrono::system_clock::now()).at("conv-9").title, "Running: make deploy");
+    EXPECT_EQ(test::snap(*bridge_).cursorModels.at("conv-9"), "claude-4.5-sonnet");
+    EXPECT_EQ(test::snap(*bridge_).cursorActivity.at("conv-9").title, "Running: make deploy");
 
     Json notify = {{"session_id", "session_0b5c"}, {"message", "Approve running `rm -rf dist`?"}};
     EXPECT_EQ(run("notch-kimi-hook.py", "notify", notify), "");
-    ASSERT_TRUE(eventually([&] { return !bridge_->kimiMarkers().empty(); }));
-    EXPECT_EQ(bridge_->kimiMarkers()[0].kind, "permission");
-    EXPECT_EQ(bridge_->kimiMarkers()[0].detail, "Approve running `rm -rf dist`?");
+    ASSERT_TRUE(eventually([&] { return test::markerCount(*bridge_, scrivet::HarnessProvider::kimi) > 0; }));
+    auto kimi = test::snap(*bridge_).markers[scrivet::HarnessProvider::kimi].begin()->second;
+    EXPECT_EQ(kimi.kind, "permission");
+    EXPECT_EQ(kimi.detail, "Approve running `rm -rf dist`?");
     EXPECT_EQ(run("notch-kimi-hook.py", "clear", notify), "");
-    EXPECT_TRUE(eventually([&] { return bridge_->kimiMarkers().empty(); }));
+    EXPECT_TRUE(eventually([&] { return test::markerCount(*bridge_, scrivet::HarnessProvider::kimi) == 0; }));
 }
 
 TEST(HookSelfTestCommand, PassesOnTheRealBridge) {

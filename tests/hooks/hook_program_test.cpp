@@ -1,6 +1,12 @@
 // The real hook programs, run with python3 against a socket server, fed the
 // inputs the agents really send.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -38,6 +44,7 @@ protected:
         for (const char* name : {"notch-hook.py", "notch-codex-hook.py", "notch-cursor-hook.py", "notch-kimi-hook.py"}) {
             ASSERT_TRUE(FileUtil::writeAtomically(dir_ / name, *EmbeddedResources::text(name), 0755));
         }
+        ::chmod(dir_.path().c_str(), 0700);  // the programs talk only to a socket in a private folder
         socket_ = dir_ / "s.sock";
         server_ = std::make_unique<FakeHookServer>(socket_);
         ASSERT_TRUE(server_->start());
@@ -383,4 +390,76 @@ TEST_F(HookPrograms, FindTheSocketWhereTheAppPutsIt) {
         EXPECT_TRUE(atHome.waitForLines(2));
     }
     atHome.stop();
+}
+
+TEST_F(HookPrograms, TalkOnlyToASocketInAFolderOfTheUsersOwn) {
+    // Anyone who may write in the socket's folder could put a socket there and
+    // answer the prompts: every program keeps its lines to itself and exits.
+    TempDir open;
+    ::chmod(open.path().c_str(), 0777);
+    FakeHookServer stranger(open / "notch.sock");
+    ASSERT_TRUE(stranger.start());
+    stranger.autoAnswer("allow");
+    Json gate = sample("claude", "bashwrite-hook-allow", "PermissionRequest");
+    gate["hook_event_name"] = "beforeShellExecution";
+    gate["conversation_id"] = "c";
+    gate["message"] = "permission needed";
+    for (const auto& [program, action] : std::vector<std::pair<std::string, std::string>>{
+             {"notch-hook.py", "gate"}, {"notch-codex-hook.py", "gate"}, {"notch-cursor-hook.py", ""},
+             {"notch-kimi-hook.py", "notify"}}) {
+        ProgramRun r = run(program, action, gate.dump(), (open / "notch.sock").string());
+        EXPECT_EQ(r.exitCode, 0) << program;
+        EXPECT_EQ(r.output, "") << program;
+    }
+    EXPECT_EQ(stranger.connections(), 0u);
+}
+
+TEST_F(HookPrograms, WaitForAFullListenQueueUntilTheirConnectDeadline) {
+    // A server busy enough that its listen queue is full: a connection is
+    // refused with EAGAIN until it accepts again.
+    fs::path path = dir_ / "busy.sock";
+    int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(listener, 0), 0);
+    std::vector<int> filling;
+    for (int i = 0; i < 64; ++i) {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            ::close(fd);
+            break;
+        }
+        filling.push_back(fd);
+    }
+    ASSERT_FALSE(filling.empty());
+
+    Json input = {{"session_id", "queued"}};
+    std::vector<std::string> argv = {python_.string(), (dir_ / "notch-hook.py").string(), "busy"};
+    auto child = ChildProcess::spawn(argv, input.dump(), {{"LUMORA_SOCKET", path.string()}});
+    ASSERT_TRUE(child);
+    std::this_thread::sleep_for(500ms);  // the hook is trying by now
+    // The server catches up: it takes the queue and reads what comes.
+    for (int fd : filling) ::close(fd);
+    ::fcntl(listener, F_SETFL, O_NONBLOCK);
+    std::string received;
+    auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (received.find("queued") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+        int fd = ::accept(listener, nullptr, nullptr);
+        if (fd < 0) {
+            std::this_thread::sleep_for(10ms);
+            continue;
+        }
+        pollfd p{fd, POLLIN, 0};
+        char buf[4096];
+        if (::poll(&p, 1, 1000) > 0) {
+            ssize_t n = ::read(fd, buf, sizeof buf);
+            if (n > 0) received.append(buf, static_cast<size_t>(n));
+        }
+        ::close(fd);
+    }
+    EXPECT_TRUE(child->wait(10s));
+    EXPECT_NE(received.find("\"session_id\":\"queued\""), std::string::npos) << received;
+    ::close(listener);
 }

@@ -67,6 +67,7 @@ class OpenCodePlugin : public ::testing::Test {
 protected:
     void SetUp() override {
         if (test::runCommand("node --version >/dev/null 2>&1").status != 0) GTEST_SKIP() << "node is not installed";
+        fs::permissions(dir_.path(), fs::perms::owner_all);  // the plugin talks only to a socket in a private folder
         socket_ = dir_ / "s.sock";
         test::writeFile(dir_ / "plugins/package.json", "{\"type\": \"module\"}\n");
         test::writeFile(dir_ / "plugins/lumora.js", OpenCodeHooks::pluginText(socket_));
@@ -157,6 +158,18 @@ TEST_F(OpenCodePlugin, WithoutLumoraNothingHappensAndNothingBreaks) {
     }
 }
 
+TEST_F(OpenCodePlugin, NeverTalksToASocketOthersCouldHavePutThere) {
+    TempDir open;
+    fs::permissions(open.path(), fs::perms::all);
+    FakeHookServer stranger(open / "notch.sock");
+    ASSERT_TRUE(stranger.start());
+    stranger.autoAnswer("allow");
+    Json requests = drive(scenarioEvents("serve-bashwrite-plugin-allow"), (open / "notch.sock").string());
+    ASSERT_TRUE(requests.is_array());
+    EXPECT_TRUE(requests.empty()) << requests.dump();
+    EXPECT_EQ(stranger.connections(), 0u);
+}
+
 TEST_F(OpenCodePlugin, AQuestionReachesTheRealBridge) {
     server_->stop();
     fs::create_directories(dir_ / "support");
@@ -166,7 +179,7 @@ TEST_F(OpenCodePlugin, AQuestionReachesTheRealBridge) {
     HookBridgeOptions options;
     options.traceFile = std::nullopt;
     HookBridge bridge(dir_ / "support/notch.sock", dir_ / "support", rules, options);
-    ASSERT_TRUE(bridge.start());
+    ASSERT_TRUE(bridge.start().ok);
     // Up to the question, before the user answers it in OpenCode.
     std::vector<Json> events;
     for (const auto& e : scenarioEvents("serve-ask-question")) {
@@ -174,10 +187,11 @@ TEST_F(OpenCodePlugin, AQuestionReachesTheRealBridge) {
         if (e["type"] == "question.asked") break;
     }
     drive(events, (dir_ / "support/notch.sock").string());
-    auto markers = bridge.openCodeMarkers();
+    auto markers = bridge.snapshot(std::chrono::system_clock::now()).markers[scrivet::HarnessProvider::opencode];
     ASSERT_EQ(markers.size(), 1u);
-    EXPECT_EQ(markers[0].sessionId, "ses_dff41bbb3ffekfmJADuJxTgj1K");
-    EXPECT_EQ(markers[0].kind, "question");
-    EXPECT_EQ(markers[0].detail, "Which database should the service use?");
+    const auto& marker = markers.begin()->second;
+    EXPECT_EQ(marker.sessionId, "ses_dff41bbb3ffekfmJADuJxTgj1K");
+    EXPECT_EQ(marker.kind, "question");
+    EXPECT_EQ(marker.detail, "Which database should the service use?");
     bridge.stop();
 }

@@ -3,11 +3,16 @@
 // the real Claude Code hook program sending a permission prompt, and the
 // keys answering it.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 
 #include <future>
 #include <nlohmann/json.hpp>
 
+#include "lumora/hooks/hook_client.hpp"
 #include "monitor/child_process.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "support/test_support.hpp"
@@ -93,6 +98,15 @@ struct App {
     }
 };
 
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(20ms);
+    }
+    return condition();
+}
+
 std::string behaviorOf(std::future<CommandResult>& f) {
     if (f.wait_for(30s) != std::future_status::ready) return "(no answer)";
     auto r = f.get();
@@ -109,6 +123,23 @@ TEST(TerminalEndToEnd, ApprovingFromTheKeyboardReachesTheHook) {
     Tmux tmux(100, 30, app.env + lumoraBinary().string());
     auto screen = tmux.waitFor("webshop");
     EXPECT_NE(screen.find("checkout-flow"), std::string::npos) << screen;
+
+    // Codex has no rows yet: its prompt goes straight back to Codex's own.
+    {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, app.socket.c_str(), sizeof(addr.sun_path) - 1);
+        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        std::string line = R"({"v":1,"source":"codex","session_id":"codex-1","action":"gate","tool_name":"Bash","detail":"ls"})" "\n";
+        ASSERT_EQ(::write(fd, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+        pollfd p{fd, POLLIN, 0};
+        ASSERT_EQ(::poll(&p, 1, 10000), 1);
+        char buf[256] = {};
+        EXPECT_EQ(std::string(buf, static_cast<size_t>(std::max<ssize_t>(0, ::read(fd, buf, sizeof buf)))),
+                  "{\"v\":1,\"behavior\":\"passthrough\"}\n");
+        ::close(fd);
+    }
 
     // A permission prompt from the real hook program turns the row to needs-you.
     auto first = app.permission("git status && npm test");
@@ -145,4 +176,51 @@ TEST(TerminalEndToEnd, ApprovingFromTheKeyboardReachesTheHook) {
     auto passed = afterQuit.get();
     EXPECT_EQ(passed.status, 0);
     EXPECT_EQ(passed.output, "");
+}
+
+TEST(TerminalEndToEnd, SuspendingTheViewHandsItsPromptsBack) {
+    App app;
+    Tmux tmux(100, 30, app.env + lumoraBinary().string());
+    tmux.waitFor("webshop");
+    auto held = app.permission("npm test");
+    tmux.waitFor("[a] Approve");
+
+    // A one-shot scan reads the running app's hook state: it agrees with the view.
+    auto scan = Json::parse(runCommand(app.env + lumoraBinary().string() + " --scan --json").output, nullptr, false);
+    ASSERT_TRUE(scan.is_array()) << scan;
+    auto row = std::find_if(scan.begin(), scan.end(), [](const Json& r) { return r["id"] == kSession; });
+    ASSERT_NE(row, scan.end());
+    EXPECT_EQ((*row)["status"], "attention");
+    EXPECT_EQ((*row)["approval"]["approvable"], true);
+
+    // Ctrl-Z: the held prompt goes back to the agent and the socket goes, so
+    // no hook waits on a stopped process.
+    auto who = HookClient::who(app.socket);
+    ASSERT_EQ(who.kind, HookClient::Who::Kind::lumora);
+    tmux.keys("C-z");
+    EXPECT_EQ(behaviorOf(held), "(no decision: )");
+    ASSERT_TRUE(eventually([&] { return !fs::exists(app.socket); }));
+    auto meanwhile = app.permission("ls");
+    ASSERT_EQ(meanwhile.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(meanwhile.get().output, "");
+
+    // Continued, it listens again and holds the next prompt.
+    ASSERT_EQ(::kill(who.pid, SIGCONT), 0);
+    ASSERT_TRUE(eventually([&] { return HookClient::who(app.socket).pid == who.pid; }));
+    auto next = app.permission("npm test");
+    tmux.waitFor("[a] Approve");
+    tmux.keys("a");
+    EXPECT_EQ(behaviorOf(next), "allow");
+    tmux.keys("q");
+    tmux.waitFor("exit status 0");
+}
+
+TEST(TerminalEndToEnd, ASocketItCannotServeShowsInTheStatusLine) {
+    App app;
+    ::chmod((app.home / "run").c_str(), 0755);
+    Tmux tmux(160, 30, app.env + lumoraBinary().string());
+    auto screen = tmux.waitFor("Hooks not listening: the socket's folder");
+    EXPECT_NE(screen.find("is open to group or others"), std::string::npos) << screen;
+    tmux.keys("q");
+    tmux.waitFor("exit status 0");
 }

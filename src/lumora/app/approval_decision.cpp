@@ -9,7 +9,7 @@ std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdic
                                   std::optional<DecisionScopeConfirmation> widen, HookBridge& bridge,
                                   ApprovalRulesStore& rules) {
     if (verdict == ApprovalVerdict::deny) {
-        bridge.resolve(request.sessionId, false);
+        bridge.resolve(request.sessionId, request.gateId, false);
         return std::nullopt;
     }
     auto scope = request.approvalScope();
@@ -25,7 +25,7 @@ std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdic
         confirmation = *widen == DecisionScopeConfirmation::session ? ApprovalLabels::approvedThisSession
                                                                      : ApprovalLabels::approvedAlways;
     }
-    bridge.resolve(request.sessionId, true);
+    bridge.resolve(request.sessionId, request.gateId, true);
     return confirmation;
 }
 

@@ -34,26 +34,25 @@ HookSignals::Marker toSignal(const AttentionMarker& m, std::optional<Date> creat
 
 }  // namespace
 
-HookSnapshot LumoraApp::hookSnapshot(const HookBridge& bridge, Date now) {
+HookSnapshot LumoraApp::hookSnapshot(const HookBridgeSnapshot& bridge) {
     HookSnapshot snap;
-    auto held = bridge.heldGateSessions();
-    auto created = bridge.claudeMarkerCreatedAt();
-    auto add = [&](HarnessProvider provider, const std::vector<AttentionMarker>& markers, bool withCreation) {
-        for (const auto& m : markers) {
+    for (const auto& [provider, markers] : bridge.markers) {
+        for (const auto& [sessionId, m] : markers) {
             std::optional<Date> at;
-            if (withCreation) {
-                if (auto it = created.find(m.sessionId); it != created.end()) at = it->second;
+            if (provider == HarnessProvider::claudeCode) {
+                if (auto it = bridge.claudeMarkerCreatedAt.find(sessionId); it != bridge.claudeMarkerCreatedAt.end())
+                    at = it->second;
             }
-            auto& sig = snap.signals[{provider, m.sessionId}];
+            auto& sig = snap.signals[{provider, sessionId}];
             sig.marker = toSignal(m, at);
-            sig.gateHeld = held.count(m.sessionId) > 0;
+            // Taken with the markers under one lock: a held gate never shows without its buttons.
+            if (const auto* gate = bridge.gate(sessionId); gate && gate->provider == provider) {
+                sig.gateHeld = true;
+                sig.gateId = gate->id;
+            }
         }
-    };
-    add(HarnessProvider::claudeCode, bridge.claudeMarkers(), true);
-    add(HarnessProvider::codex, bridge.codexMarkers(), false);
-    add(HarnessProvider::kimi, bridge.kimiMarkers(), false);
-    add(HarnessProvider::opencode, bridge.openCodeMarkers(), false);
-    for (const auto& [sessionId, since] : bridge.claudeBusy(now)) {
+    }
+    for (const auto& [sessionId, since] : bridge.claudeBusy) {
         snap.signals[{HarnessProvider::claudeCode, sessionId}].busySince = since;
     }
     return snap;
@@ -73,7 +72,7 @@ LumoraApp::LumoraApp()
             return discovery->hosts().isApplicationRunning(appId, snapshot);
         }));
     HookBridge* bridge = bridge_.get();
-    deps.hooks = [bridge](Date now) { return hookSnapshot(*bridge, now); };
+    deps.hooks = [bridge](Date now) { return hookSnapshot(bridge->snapshot(now)); };
     deps.lowPowerMode = [] { return PowerState::lowPowerMode(); };
     monitor_ = std::make_unique<ClaudeMonitor>(std::move(deps));
     // With tracing on, new journal shapes are noted beside the trace.
@@ -83,6 +82,10 @@ LumoraApp::LumoraApp()
     // A hook event rescans at once; the monitor hops to the main loop itself.
     ClaudeMonitor* monitor = monitor_.get();
     bridge_->setOnEvent([monitor] { monitor->refreshNow(); });
+    bridge_->setCanShow([this](HarnessProvider provider, const std::string& sessionId, uint64_t gateId) {
+        return canShow(provider, sessionId, gateId);
+    });
+    monitor_->setOnPublish([this] { published(); });
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
 }
@@ -92,9 +95,29 @@ LumoraApp::~LumoraApp() {
     settings_.setListener({});
 }
 
+void LumoraApp::published() {
+    std::set<std::tuple<HarnessProvider, std::string, uint64_t>> rows;
+    for (const auto& a : monitor_->instances()) {
+        if (a.approval && a.approval->approvable && a.approval->gateId != 0)
+            rows.emplace(a.provider, a.id, a.approval->gateId);
+    }
+    {
+        std::lock_guard lock(showableMutex_);
+        showable_ = std::move(rows);
+    }
+    bridge_->rowsChanged();
+    if (onPublish_) onPublish_();
+}
+
+bool LumoraApp::canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const {
+    std::lock_guard lock(showableMutex_);
+    return showable_.count({provider, sessionId, gateId}) > 0;
+}
+
 void LumoraApp::applySettings() {
     ClaudeMonitor::Settings s;
-    s.hooksEnabled = settings_.hooksEnabled();
+    // A bridge that cannot listen hears no hooks: poll at the hooks-off pace.
+    s.hooksEnabled = settings_.hooksEnabled() && bridge_->listening().ok;
     s.soundEnabled = settings_.soundEnabled();
     s.subagentsEnabled = settings_.subagentsEnabled();
     s.idleTimeoutMinutes = settings_.idleTimeoutMinutes();
@@ -102,15 +125,39 @@ void LumoraApp::applySettings() {
     bridge_->setGating(gatingWanted_ && settings_.approveRuns());
 }
 
-void LumoraApp::start(bool gatingWanted) {
+Status LumoraApp::start(bool gatingWanted) {
     gatingWanted_ = gatingWanted;
+    Status status = bridge_->start();
     applySettings();
-    bridge_->start();
     monitor_->start();
     // Settings another process changes (a second terminal, a hand edit) apply while we run.
     settings_.watch(RunLoop::main());
     started_ = true;
+    return status;
 }
+
+void LumoraApp::suspend() {
+    if (!started_) return;
+    bridge_->stop();
+    applySettings();
+}
+
+Status LumoraApp::resume() {
+    if (!started_) return Status::success();
+    Status status = bridge_->start();
+    applySettings();
+    monitor_->refreshNow();
+    return status;
+}
+
+std::optional<std::string> LumoraApp::hooksProblem() const {
+    if (!started_) return std::nullopt;
+    Status listening = bridge_->listening();
+    if (listening.ok) return std::nullopt;
+    return "Hooks not listening: " + listening.why;
+}
+
+void LumoraApp::readRunningHookState() { bridge_->readRunningState(); }
 
 void LumoraApp::stop() {
     if (!started_) return;
@@ -162,6 +209,8 @@ std::optional<std::string> AppBackend::choose(const ApprovalRequest& request, Ap
 
 void AppBackend::sawRow(const std::string& sessionId) { app_.monitor().sawRow(sessionId); }
 
-void AppBackend::setOnChange(std::function<void()> onChange) { app_.monitor().setOnPublish(std::move(onChange)); }
+void AppBackend::setOnChange(std::function<void()> onChange) { app_.setOnPublish(std::move(onChange)); }
+
+std::optional<std::string> AppBackend::hooksProblem() const { return app_.hooksProblem(); }
 
 }  // namespace lumora

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "lumora/app/settings_store.hpp"
@@ -27,11 +30,27 @@ public:
     ~LumoraApp();
 
     // Starts the socket (with gating as asked, if the settings allow it) and
-    // the monitor's timers, and runs the first refresh.
-    void start(bool gatingWanted);
+    // the monitor's timers, and runs the first refresh. Returns why the socket
+    // is not served, if it is not: the monitor then polls at the hooks-off
+    // pace and the views show hooksProblem().
+    Status start(bool gatingWanted);
     // Answers every held gate "passthrough", stops the monitor, saves the
     // bridge's state and removes the socket.
     void stop();
+    // The view is put in the background (Ctrl-Z): every held prompt goes back
+    // to its agent and the socket is removed, so no hook waits for a stopped
+    // process. resume() listens again.
+    void suspend();
+    Status resume();
+
+    // "Hooks not listening: <why>" once start() could not serve the socket.
+    std::optional<std::string> hooksProblem() const;
+    // For one-shot commands: what the running app knows (or the saved state),
+    // read without serving.
+    void readRunningHookState();
+
+    // Called after every publish of the monitor (on the main loop).
+    void setOnPublish(std::function<void()> onPublish) { onPublish_ = std::move(onPublish); }
 
     ClaudeMonitor& monitor() { return *monitor_; }
     HookBridge& bridge() { return *bridge_; }
@@ -39,10 +58,13 @@ public:
     SettingsStore& settings() { return settings_; }
 
     // What the hook bridge knows, as the monitor's status rules read it.
-    static HookSnapshot hookSnapshot(const HookBridge& bridge, Date now);
+    static HookSnapshot hookSnapshot(const HookBridgeSnapshot& bridge);
 
 private:
     void applySettings();
+    // Tells the bridge which held prompts the published rows show with buttons.
+    void published();
+    bool canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const;
 
     DefaultsStore& defaults_;
     SettingsStore& settings_;
@@ -52,6 +74,10 @@ private:
     std::unique_ptr<ClaudeMonitor> monitor_;
     bool gatingWanted_ = false;
     bool started_ = false;
+    std::function<void()> onPublish_;
+    // (agent, session id, gate id) of every published row with buttons; read by the bridge's thread.
+    mutable std::mutex showableMutex_;
+    std::set<std::tuple<HarnessProvider, std::string, uint64_t>> showable_;
 };
 
 // The settings a view draws with, as the user set them.
@@ -71,6 +97,7 @@ public:
     std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) override;
     void sawRow(const std::string& sessionId) override;
     void setOnChange(std::function<void()> onChange) override;
+    std::optional<std::string> hooksProblem() const override;
 
 private:
     LumoraApp& app_;

@@ -15,6 +15,7 @@
 #include "lumora/base/json_text.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/app/lumora_app.hpp"
+#include "lumora/hooks/hook_client.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
 
@@ -92,6 +93,15 @@ void stopOnSignals() {
 // What we print is text, whatever bytes a folder or branch name holds.
 void printLine(const std::string& line) { std::cout << scrivet::validUtf8(line) << std::endl; }
 
+// True (after saying so) when another Lumora serves the socket already: one
+// instance owns it, and a second one would only take its prompts away.
+bool anotherInstanceRuns() {
+    auto who = HookClient::who(Paths::socketPath());
+    if (who.kind != HookClient::Who::Kind::lumora) return false;
+    std::cerr << "Lumora is already running (pid " << who.pid << ")\n";
+    return true;
+}
+
 }  // namespace
 
 std::string scanLine(const AgentInstance& a) {
@@ -167,6 +177,8 @@ Json toJson(const AgentInstance& a) {
 
 int scan(bool json) {
     LumoraApp app;
+    // Read, never serve: the running app's hook state (or the saved one).
+    app.readRunningHookState();
     auto list = rowOrder(app.monitor().scanOnce());
     if (json) {
         Json out = Json::array();
@@ -179,12 +191,13 @@ int scan(bool json) {
 }
 
 int headless() {
+    if (anotherInstanceRuns()) return 1;
     stopOnSignals();
     Paths::ensureSupportFolder();
     LumoraApp app;
     std::map<std::string, AgentStatus> last;
     long long lastToken = 0;
-    app.monitor().setOnPublish([&] {
+    app.setOnPublish([&] {
         auto now = std::chrono::system_clock::now();
         std::map<std::string, AgentStatus> next;
         for (const auto& a : app.monitor().instances()) {
@@ -202,7 +215,8 @@ int headless() {
                       ": " + peek->ask);
         }
     });
-    app.start(false);  // nobody can answer a prompt here: the agents show their own
+    // Nobody can answer a prompt here: the agents show their own.
+    if (!app.start(false)) std::cout << timestamp(std::chrono::system_clock::now()) << "  " << *app.hooksProblem() << std::endl;
     RunLoop::main().run();
     app.stop();
     return 0;
@@ -210,16 +224,20 @@ int headless() {
 
 int interactive() {
     if (!ui::terminalAvailable()) return headless();
+    if (anotherInstanceRuns()) return 1;
     Paths::ensureSupportFolder();
     Log::toFile(Paths::logFile());
     LumoraApp app;
     AppBackend backend(app);
+    // A socket it cannot serve shows in the view's status line ("Hooks not listening: ...").
     app.start(true);
     ui::TerminalViewOptions options;
     options.onQuit = [&] {
         exitAfter(ui::quitBySignal() ? kStopDeadline : kQuitDeadline, 0);  // stopping may not hang
         app.stop();
     };
+    options.onSuspend = [&] { app.suspend(); };
+    options.onResume = [&] { app.resume(); };
     options.settings = [&app] { return viewSettings(app.settings()); };
     int code = ui::runTerminalView(backend, options);
     app.stop();

@@ -145,6 +145,13 @@ bool ApprovalRulesStore::matches(const std::string& sessionId, const std::string
                        [&](const std::string& h) { return allowed.count("head:" + h) > 0; });
 }
 
+bool ApprovalRulesStore::matches(scrivet::HarnessProvider provider, const std::string& sessionId,
+                                 const std::string& toolName, const std::optional<std::string>& detail,
+                                 bool escalated) const {
+    if (provider != scrivet::HarnessProvider::claudeCode) return false;
+    return matches(sessionId, toolName, detail, escalated);
+}
+
 void ApprovalRulesStore::addSessionRule(const std::string& sessionId, const std::string& toolName,
                                         const std::optional<std::string>& head) {
     ApprovalRule rule{"", toolName, head, {}};

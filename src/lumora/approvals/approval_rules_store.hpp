@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "scrivet/harness_provider.hpp"
+
 namespace lumora {
 
 class DefaultsStore;
@@ -46,6 +48,10 @@ public:
     // or an empty tool name; a shell command only when every program it runs
     // is allowed; any other tool when the whole tool is.
     bool matches(const std::string& sessionId, const std::string& toolName,
+                 const std::optional<std::string>& detail, bool escalated) const;
+    // The same for a prompt of `provider`. Rules are made on Claude Code rows
+    // (the only rows with buttons so far), so they answer only its prompts.
+    bool matches(scrivet::HarnessProvider provider, const std::string& sessionId, const std::string& toolName,
                  const std::optional<std::string>& detail, bool escalated) const;
 
     // Allows `head` (or, without one, the whole tool) for the rest of this session.

@@ -8,15 +8,15 @@ namespace lumora::HookProviders {
 
 const std::vector<Provider>& all() {
     static const std::vector<Provider> providers = {
-        {Agent::claudeCode, "Claude Code", "notch-hook.py", "notch-cc-hook v8", "lumora/notch-hook",
+        {Agent::claudeCode, "Claude Code", "notch-hook.py", "notch-cc-hook v9", "lumora/notch-hook",
          "~/.claude/settings.json", "bridge script"},
-        {Agent::cursor, "Cursor", "notch-cursor-hook.py", "notch-cursor-hook v7", "notch-cursor-hook",
+        {Agent::cursor, "Cursor", "notch-cursor-hook.py", "notch-cursor-hook v8", "notch-cursor-hook",
          "~/.cursor/hooks.json", "bridge script"},
-        {Agent::codex, "Codex", "notch-codex-hook.py", "notch-codex-hook v4", "notch-codex-hook",
+        {Agent::codex, "Codex", "notch-codex-hook.py", "notch-codex-hook v5", "notch-codex-hook",
          "~/.codex/hooks.json + config.toml", "bridge script"},
-        {Agent::kimi, "Kimi", "notch-kimi-hook.py", "notch-kimi-hook v2", "notch-kimi-hook",
+        {Agent::kimi, "Kimi", "notch-kimi-hook.py", "notch-kimi-hook v3", "notch-kimi-hook",
          "~/.kimi-code/config.toml", "bridge script"},
-        {Agent::openCode, "OpenCode", "lumora-opencode.js", "lumora-opencode v2", "lumora-opencode", "", "plugin"},
+        {Agent::openCode, "OpenCode", "lumora-opencode.js", "lumora-opencode v3", "lumora-opencode", "", "plugin"},
     };
     return providers;
 }

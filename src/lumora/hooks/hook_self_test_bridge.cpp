@@ -1,8 +1,6 @@
 // The self-test's adapter over the app's hook bridge.
 #include "lumora/hooks/hook_self_test.hpp"
 
-#include <algorithm>
-
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
@@ -16,21 +14,23 @@ public:
     AppBridge(const fs::path& socket, const fs::path& folder)
         : defaults_(folder / "defaults.json"), rules_(defaults_), bridge_(socket, folder, rules_, options()) {}
 
-    bool start() override { return bridge_.start(); }
+    bool start() override { return bridge_.start().ok; }
     void stop() override { bridge_.stop(); }
     void setGating(bool enabled) override { bridge_.setGating(enabled); }
-    void resolve(const std::string& sessionId, bool allow) override { bridge_.resolve(sessionId, allow); }
-    bool hasMarker(const std::string& source, const std::string& sessionId) override {
-        std::vector<AttentionMarker> markers = source == "codex"      ? bridge_.codexMarkers()
-                                               : source == "kimi"     ? bridge_.kimiMarkers()
-                                               : source == "opencode" ? bridge_.openCodeMarkers()
-                                                                      : bridge_.claudeMarkers();
-        return std::any_of(markers.begin(), markers.end(),
-                           [&](const AttentionMarker& m) { return m.sessionId == sessionId; });
+    // The self-test answers whichever prompt the session holds.
+    void resolve(const std::string& sessionId, bool allow) override {
+        auto snapshot = bridge_.snapshot(std::chrono::system_clock::now());
+        const auto* gate = snapshot.gate(sessionId);
+        bridge_.resolve(sessionId, gate ? gate->id : 0, allow);
     }
-    bool hasHeldGate(const std::string& sessionId) override { return bridge_.hasHeldGate(sessionId); }
+    bool hasMarker(const std::string& source, const std::string& sessionId) override {
+        return bridge_.snapshot(std::chrono::system_clock::now()).marker(HookProtocol::providerNamed(source), sessionId);
+    }
+    bool hasHeldGate(const std::string& sessionId) override {
+        return bridge_.snapshot(std::chrono::system_clock::now()).gate(sessionId) != nullptr;
+    }
     bool hasCursorPending(const std::string& conversationId) override {
-        return bridge_.cursorPending(std::chrono::system_clock::now()).count(conversationId) > 0;
+        return bridge_.snapshot(std::chrono::system_clock::now()).cursorPending.count(conversationId) > 0;
     }
 
 private:

@@ -168,7 +168,11 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
         const auto& m = *marker;
         status = AgentStatus::attention;
         a.hasHookGroundTruth = true;
-        if (m.kind == Kind::permission) a.approval = approvalFromMarker(obs.id, m, hooks.gateHeld);
+        if (m.kind == Kind::permission) {
+            a.approval = approvalFromMarker(obs.id, m, hooks.gateHeld);
+            a.approval->provider = obs.provider;
+            if (hooks.gateHeld) a.approval->gateId = hooks.gateId;
+        }
         if (m.kind == Kind::question) a.question = questionFromMarker(m);
     } else if (!marker && self && self->status == "waiting" && self->waitingFor) {
         // The agent's own index says it waits on the user: as good as a hook,
@@ -179,6 +183,7 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
             a.hasHookGroundTruth = true;
             ApprovalRequest r;
             r.sessionId = obs.id;
+            r.provider = obs.provider;
             if (info.pendingToolCall) {
                 r.toolName = info.pendingToolCall->toolName;
                 r.detail = info.pendingToolCall->detail;

@@ -62,6 +62,7 @@ struct HookSignals {
     };
     std::optional<Marker> marker;
     bool gateHeld = false;            // a permission prompt waits for an answer from us
+    uint64_t gateId = 0;              // which prompt is held (a decision names it)
     std::optional<Date> busySince;    // the last turn-state signal
     std::optional<std::string> cwd;   // the folder the hooks reported the session in
     bool operator==(const HookSignals&) const = default;

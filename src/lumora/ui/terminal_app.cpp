@@ -23,8 +23,10 @@ namespace lumora::ui {
 namespace {
 
 volatile std::sig_atomic_t gQuitSignal = 0;
+volatile std::sig_atomic_t gSuspendSignal = 0;
 
 void onQuitSignal(int) { gQuitSignal = 1; }
+void onSuspendSignal(int) { gSuspendSignal = 1; }
 
 // Catches the signals that should end the view cleanly (held gates answered,
 // the terminal restored), and puts the old handlers back when it goes.
@@ -32,19 +34,23 @@ class QuitSignals {
 public:
     QuitSignals() {
         gQuitSignal = 0;
+        gSuspendSignal = 0;
         struct sigaction sa {};
-        sa.sa_handler = onQuitSignal;
         sigemptyset(&sa.sa_mask);
         sa.sa_flags = 0;  // no SA_RESTART: poll() must wake up
-        for (size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], &sa, &old_[i]);
+        for (size_t i = 0; i < kSignals.size(); ++i) {
+            // Installed before the screen opens, so ncurses leaves Ctrl-Z to us.
+            sa.sa_handler = kSignals[i] == SIGTSTP ? onSuspendSignal : onQuitSignal;
+            ::sigaction(kSignals[i], &sa, &old_[i]);
+        }
     }
     ~QuitSignals() {
         for (size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], &old_[i], nullptr);
     }
 
 private:
-    static constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
-    std::array<struct sigaction, 3> old_{};
+    static constexpr std::array<int, 4> kSignals = {SIGINT, SIGTERM, SIGHUP, SIGTSTP};
+    std::array<struct sigaction, 4> old_{};
 };
 
 // ncurses draws UTF-8 only under a UTF-8 locale.
@@ -122,6 +128,19 @@ int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options) {
         pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {loop.wakeFd(), POLLIN, 0}};
         int ready = ::poll(fds, loop.wakeFd() >= 0 ? 2 : 1, timeout);
         if (gQuitSignal) break;
+        if (gSuspendSignal) {
+            gSuspendSignal = 0;
+            if (options.onSuspend) options.onSuspend();
+            endwin();
+            // SIGSTOP stops us even where a terminal stop would be ignored (an orphaned process group).
+            ::raise(SIGSTOP);
+            // Continued (SIGCONT).
+            if (options.onResume) options.onResume();
+            shown = Frame{};
+            clearok(curscr, TRUE);
+            changed = dirty = true;
+            continue;
+        }
         if (ready == 0) dirty = true;  // a timed redraw: ages, notes and the frozen order move on
         if (ready > 0 && (fds[0].revents & (POLLHUP | POLLERR | POLLNVAL))) break;  // the terminal went away
         // Keys (and KEY_RESIZE after SIGWINCH interrupted the poll).

@@ -17,6 +17,11 @@ struct TerminalViewOptions {
     // Runs when the user quits, while the screen is still up and before the
     // loop stops: the place to answer held gates and save state.
     std::function<void()> onQuit;
+    // Run when the user puts the view in the background (Ctrl-Z), before the
+    // process stops: the place to hand held prompts back and stop listening,
+    // so nothing waits on a stopped process. onResume runs when it continues.
+    std::function<void()> onSuspend;
+    std::function<void()> onResume;
     // The loop whose posted tasks and timers run while the view waits for
     // keys. Defaults to RunLoop::main().
     RunLoop* loop = nullptr;

@@ -45,6 +45,10 @@ public:
     // The user looked at a session's row (acknowledges a needs-you, sees a completion).
     virtual void sawRow(const std::string& sessionId) = 0;
 
+    // A standing problem the status line shows while there is no other news
+    // ("Hooks not listening: <why>"), if any.
+    virtual std::optional<std::string> hooksProblem() const { return std::nullopt; }
+
     // Called (on the main loop) whenever anything above may have changed.
     virtual void setOnChange(std::function<void()> onChange) = 0;
 };

@@ -303,12 +303,16 @@ Line keyBar(int width) {
     return l;
 }
 
-Line statusLine(const ViewState& s, int width) {
+Line statusLine(const ViewModel& m, const ViewState& s, int width) {
     Line l;
     if (s.note) {
         l.add(" ");
         l.add(s.note->done ? "✓ " : "● ", role(statusRole(s.note->status), true));
         l.add(oneLine(s.note->text), role(statusRole(s.note->status)));
+    } else if (m.problem) {
+        l.add(" ");
+        l.add("! ", role(statusRole(AgentStatus::waiting), true));
+        l.add(oneLine(*m.problem), role(statusRole(AgentStatus::waiting)));
     }
     clip(l, width);
     finish(l, width);
@@ -490,7 +494,7 @@ Frame render(const ViewModel& model, const ViewState& state, int width, int heig
         if (l.selected) finish(l, width);
         f.lines.push_back(std::move(l));
     }
-    f.lines.push_back(statusLine(state, width));
+    f.lines.push_back(statusLine(model, state, width));
     f.lines.push_back(keyBar(width));
     return f;
 }

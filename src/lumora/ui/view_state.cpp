@@ -14,6 +14,7 @@ ViewModel ViewModel::read(const ViewBackend& backend, const ViewSettings& settin
         if (a.approval) m.choices[a.id] = backend.approvalChoices(*a.approval);
     }
     m.settings = settings;
+    m.problem = backend.hooksProblem();
     m.now = now;
     return m;
 }

@@ -31,6 +31,7 @@ struct ViewModel {
     std::optional<PeekEvent> peek;
     std::map<std::string, std::vector<ApprovalChoice>> choices;  // an approval's buttons, by session id
     ViewSettings settings;
+    std::optional<std::string> problem;  // shown in the status line when no note is
     Date now{};
 
     // Reads the backend; `now` is the wall-clock time the ages are drawn against.
