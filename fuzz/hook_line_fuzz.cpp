@@ -27,7 +27,7 @@ struct World {
         std::filesystem::create_directories(dir);
         defaults = std::make_unique<lumora::DefaultsStore>(dir / "defaults.json");
         rules = std::make_unique<lumora::ApprovalRulesStore>(*defaults);
-        if (rules->alwaysRules().empty()) rules->addAlwaysRule("Bash", "git");
+        if (rules->alwaysRules().empty()) rules->addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "git");
         fresh();
     }
 

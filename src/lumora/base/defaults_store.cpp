@@ -56,6 +56,16 @@ std::optional<DefaultsStore::Json> DefaultsStore::value(const std::string& key) 
     return *it;
 }
 
+std::optional<DefaultsStore::Json> DefaultsStore::tryValue(const std::string& key, bool& busy) const {
+    std::unique_lock lock(mutex_, std::try_to_lock);
+    busy = !lock.owns_lock();
+    if (busy) return std::nullopt;
+    refreshIfChanged();
+    auto it = cache_.find(key);
+    if (it == cache_.end()) return std::nullopt;
+    return *it;
+}
+
 std::optional<bool> DefaultsStore::boolean(const std::string& key) const {
     auto v = value(key);
     if (!v) return std::nullopt;
@@ -111,6 +121,16 @@ void DefaultsStore::setValue(const std::string& key, Json v) {
 
 void DefaultsStore::remove(const std::string& key) {
     mutate([&](Json& all) { all.erase(key); });
+}
+
+void DefaultsStore::update(const std::string& key, const std::function<void(Json&)>& change) {
+    mutate([&](Json& all) {
+        auto it = all.find(key);
+        Json value = it == all.end() ? Json() : *it;
+        change(value);
+        if (value.is_null()) all.erase(key);
+        else all[key] = std::move(value);
+    });
 }
 
 void DefaultsStore::removeAll() {

@@ -44,12 +44,21 @@ public:
     std::optional<Json> list(const std::string& key) const;        // a JSON array
     std::optional<Json> dictionary(const std::string& key) const;  // a JSON object
 
+    // Like value(), but never waits: when another thread of this process is
+    // writing (a write may itself wait on another process's file lock),
+    // `busy` is set and nothing is returned.
+    std::optional<Json> tryValue(const std::string& key, bool& busy) const;
+
     void setBool(const std::string& key, bool value);
     void setInteger(const std::string& key, int64_t value);
     void setReal(const std::string& key, double value);
     void setString(const std::string& key, const std::string& value);
     void setValue(const std::string& key, Json value);
     void remove(const std::string& key);
+    // Applies `change` to the value of `key` as it is on disk at this moment
+    // (null when missing), under the file lock, and writes the result back; a
+    // null result removes the key. For lists that several processes edit.
+    void update(const std::string& key, const std::function<void(Json&)>& change);
     // Removes every key (the uninstaller's wipe).
     void removeAll();
 

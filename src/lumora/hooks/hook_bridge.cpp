@@ -295,7 +295,13 @@ void HookBridge::handleLine(std::string_view line, ConnectionId connection) {
     else if (r.source == "opencode") source = Source::openCode;
 
     // The rules are asked before the bridge's lock is taken: the two locks never nest.
-    if (r.action == "gate" && source != Source::cursor && rules_.matches(r.sessionId, r.toolName, r.detail, r.escalated)) {
+    // Standing rules answer only the agent they were made on.
+    scrivet::HarnessProvider provider = source == Source::codex      ? scrivet::HarnessProvider::codex
+                                        : source == Source::kimi     ? scrivet::HarnessProvider::kimi
+                                        : source == Source::openCode ? scrivet::HarnessProvider::opencode
+                                                                     : scrivet::HarnessProvider::claudeCode;
+    if (r.action == "gate" && source != Source::cursor &&
+        rules_.matches(provider, r.sessionId, r.toolName, r.detail, r.escalated)) {
         std::string head = scrivet::truncateText(scrivet::collapseWhitespace(r.detail.value_or("")), kLogHeadChars);
         std::string logLine = Dates::format(now) + "  auto-approve tool=" + r.toolName +
                               " session=" + r.sessionId + " head=" + head;

@@ -23,14 +23,16 @@ std::optional<std::string> pendingToolName(const scrivet::TranscriptInfo& info) 
 
 }  // namespace
 
-ApprovalRequest approvalFromMarker(const std::string& sessionId, const HookSignals::Marker& m, bool approvable) {
+ApprovalRequest approvalFromMarker(const std::string& sessionId, const HookSignals::Marker& m, bool approvable,
+                                   HarnessProvider provider) {
     ApprovalRequest r;
     r.sessionId = sessionId;
     r.toolName = m.toolName;
     r.detail = m.detail;
     r.approvable = approvable;
     r.reason = m.reason;
-    r.escalated = m.escalated;
+    r.provider = provider;
+    r.escalated = ApprovalRequest::leavesSandbox(provider, m.escalated);
     return r;
 }
 
@@ -94,7 +96,7 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
         const auto& m = *hooks.marker;
         status = AgentStatus::attention;
         a.hasHookGroundTruth = true;
-        if (m.kind == Kind::permission) a.approval = approvalFromMarker(obs.id, m, hooks.gateHeld);
+        if (m.kind == Kind::permission) a.approval = approvalFromMarker(obs.id, m, hooks.gateHeld, obs.provider);
         if (m.kind == Kind::question) a.question = questionFromMarker(m);
     } else if (!hooks.marker && self && self->status == "waiting" && self->waitingFor) {
         // The agent's own index says it waits on the user: as good as a hook,
@@ -106,6 +108,8 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
             r.sessionId = obs.id;
             r.toolName = pendingToolName(info).value_or("");
             r.approvable = false;
+            r.provider = obs.provider;
+            r.escalated = r.leavesSandbox();
             a.approval = r;
         } else if (*self->waitingFor == "input needed") {
             status = AgentStatus::attention;
