@@ -60,7 +60,7 @@ TEST(CommandParsing, NothingHidesASecondProgram) {
         "cat x 1<> y", "cat < /dev/tcp/host/80", "git status; < ~/.ssh/config",
         // Words that run, define or re-read code.
         "eval git status", "source ./env.sh", ". ./env.sh", "sh -c 'git status'", "bash -c 'git status'",
-        "bash build.sh", "xargs rm < files", "nice make", "timeout 5 make", "watch ls", "env -i git status",
+        "bash build.sh", "/usr/local/bin/zsh-5.9 -c 'rm x'", "python3.12 -c 'import os'", "xargs rm < files", "nice make", "timeout 5 make", "watch ls", "env -i git status",
         "env FOO=1 git status", "sudo -u root rm x", "sudo env rm x", "command -p rm x", "export PATH=/tmp; git status",
         "alias git=rm; git status", "f() { rm -rf ~; }; f", "function f { rm; }", "case x in a) rm;; esac",
         "[[ -f x ]] && ls", "((n++))", "!(rm x)", "(ls) rm", "(ls", "ls)",

@@ -58,3 +58,25 @@ TEST(ApprovalDecision, DecideResolvesAndWidens) {
     EXPECT_TRUE(bridge.claudeMarkers().empty());
     EXPECT_EQ(rules.alwaysRules().size(), 1u);
 }
+
+// The bridge asks the rules with the agent a gate comes from: a Claude Code
+// rule answers only Claude Code, and no rule answers Codex.
+TEST(ApprovalDecision, RulesAnswerGatesOfTheirOwnAgent) {
+    TempDir dir;
+    DefaultsStore defaults(dir / "defaults.json");
+    ApprovalRulesStore rules(defaults);
+    HookBridge bridge(dir / "s" / "notch.sock", dir / "s", rules);
+    bridge.setGating(true);
+    rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "git");
+    rules.addAlwaysRule(scrivet::HarnessProvider::codex, "Bash", "git");
+    auto gate = [&](const std::string& source, const std::string& sid, const std::string& tool) {
+        bridge.handleLine(Json{{"source", source}, {"session_id", sid}, {"action", "gate"}, {"tool_name", tool},
+                               {"detail", "git status"}}
+                              .dump(),
+                          1);
+        return bridge.hasHeldGate(sid);  // held: asked; not held: answered by a rule
+    };
+    EXPECT_FALSE(gate("claude", "c1", "Bash"));
+    EXPECT_TRUE(gate("opencode", "o1", "bash"));
+    EXPECT_TRUE(gate("codex", "x1", "Bash"));
+}

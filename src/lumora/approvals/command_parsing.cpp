@@ -332,12 +332,14 @@ bool runsOtherPrograms(sv family) {
 }
 
 // The program's name without its folder and without a version at its end
-// ("/usr/bin/python3.11" → "python").
+// ("/usr/bin/python3.11" → "python", "zsh-5.9" → "zsh").
 std::string family(sv program) {
     size_t slash = program.rfind('/');
     sv base = slash == sv::npos ? program : program.substr(slash + 1);
-    while (!base.empty() && ((base.back() >= '0' && base.back() <= '9') || base.back() == '.')) base.remove_suffix(1);
-    return std::string(base.empty() ? program : base);
+    sv name = base;
+    while (!name.empty() && ((name.back() >= '0' && name.back() <= '9') || name.back() == '.')) name.remove_suffix(1);
+    if (name.size() < base.size() && !name.empty() && (name.back() == '-' || name.back() == '_')) name.remove_suffix(1);
+    return std::string(name.empty() ? base : name);
 }
 
 // A single-dash cluster of short options ("-xvf"), not a long option or "-".
