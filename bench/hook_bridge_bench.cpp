@@ -98,8 +98,8 @@ std::string gateLine(const std::string& sid, const std::string& command) {
 // gate that an always rule covers. Target: median under 1 ms.
 void BM_AutoApprovedGate_Latency(benchmark::State& state) {
     Fixture f;
-    f.rules.addAlwaysRule("Bash", "git");
-    f.rules.addAlwaysRule("Bash", "npm");
+    f.rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "git");
+    f.rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "npm");
     std::string line = gateLine("80d8d2c1-2509-42b4-a779-139b17caf0ef", "git status && npm test");
     std::vector<double> micros;
     for (auto _ : state) {

@@ -18,8 +18,9 @@ TEST(ApprovalsCommand, ListsAndRemovesAlwaysRules) {
 
     DefaultsStore defaults(Paths::defaultsFile());
     ApprovalRulesStore rules(defaults);
-    auto git = rules.addAlwaysRule("Bash", "git");
-    auto edit = rules.addAlwaysRule("Edit", std::nullopt);
+    auto git = rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "git");
+    auto edit = rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Edit", std::nullopt);
+    rules.flush();  // saved on the store's queue
 
     auto listed = runCommand(bin + " --approvals");
     EXPECT_EQ(listed.status, 0);

@@ -125,7 +125,7 @@ TEST_F(HookBridgeTest, GatingOffRulesAndReplacedGates) {
 
     // A matching always rule answers "allow" with no marker and logs it, gating or not.
     bridge->setGating(true);
-    rules.addAlwaysRule("Bash", "git");
+    rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "git");
     SocketClient ruled(socket);
     ruled.send(gate(kSid, "git status") + "\n");
     EXPECT_EQ(ruled.readUntilClosed(), kAllow);
@@ -149,7 +149,7 @@ TEST_F(HookBridgeTest, GatingOffRulesAndReplacedGates) {
     EXPECT_EQ(claudeMarker(kSid)->detail, "make");
 
     // Escalated Codex requests are never auto-approved.
-    rules.addAlwaysRule("Bash", "ls");
+    rules.addAlwaysRule(scrivet::HarnessProvider::codex, "Bash", "ls");
     SocketClient escalated(socket);
     escalated.send(line({{"source", "codex"}, {"session_id", "c"}, {"action", "gate"}, {"tool_name", "Bash"},
                          {"detail", "ls"}, {"escalated", true}}) +

@@ -39,6 +39,7 @@ struct DemoView {
 TEST(ViewController, AlwaysAllowConfirmsAndAnswersTheNextMatchingGate) {
     DemoView v;
     EXPECT_EQ(*v.view.state().selectedId, kShell);  // the first needs-you row
+    v.text();  // the screen is drawn before any key
     EXPECT_TRUE(v.view.handle(Key::allowAlways));
     std::string t = v.text();
     EXPECT_NE(t.find("✓ Approved · won't ask again"), std::string::npos) << t;
@@ -59,6 +60,7 @@ TEST(ViewController, AlwaysAllowConfirmsAndAnswersTheNextMatchingGate) {
 
 TEST(ViewController, SessionScopeConfirmsAndTheGateWithoutARuleAsks) {
     DemoView v;
+    v.text();
     v.view.handle(Key::allowSession);
     EXPECT_NE(v.text().find("✓ Approved · this session"), std::string::npos);
     // A session rule covers only its own session: the lint gate of another session asks.
@@ -87,6 +89,11 @@ TEST(ViewController, DenyAndPlainApproveNeedNoRule) {
     while (v.view.state().selectedId != "019fb206-97a0-7573-a940-cb4c5cf36e91") v.view.handle(Key::down);
     v.view.handle(Key::allowAlways);
     EXPECT_NE(v.text().find("That choice is not offered for this request"), std::string::npos);
+    // Its command is cut at 80 columns: it is approved once opened and read.
+    v.view.handle(Key::approve);
+    EXPECT_NE(v.text().find("See the whole command before approving it"), std::string::npos);
+    v.view.handle(Key::expand);
+    v.text();
     v.view.handle(Key::approve);
     EXPECT_NE(v.text().find("Approved · payments-api"), std::string::npos);
     EXPECT_TRUE(v.demo.alwaysRules().empty());

@@ -19,8 +19,10 @@ std::optional<std::string> decide(const ApprovalRequest& request, ApprovalVerdic
         if (scope->kind == ApprovalScope::Kind::tool) heads.push_back(std::nullopt);
         for (const auto& h : scope->heads) heads.push_back(h);
         for (const auto& head : heads) {
-            if (*widen == DecisionScopeConfirmation::session) rules.addSessionRule(request.sessionId, request.toolName, head);
-            else rules.addAlwaysRule(request.toolName, head);
+            if (*widen == DecisionScopeConfirmation::session)
+                rules.addSessionRule(request.provider, request.sessionId, request.toolName, head);
+            else
+                rules.addAlwaysRule(request.provider, request.toolName, head);
         }
         confirmation = *widen == DecisionScopeConfirmation::session ? ApprovalLabels::approvedThisSession
                                                                      : ApprovalLabels::approvedAlways;

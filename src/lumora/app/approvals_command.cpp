@@ -15,7 +15,7 @@ int list(ApprovalRulesStore& rules, std::ostream& out) {
     }
     for (const auto& r : all) {
         out << r.id << "  " << r.toolName << "  " << r.head.value_or("*") << "  "
-            << Dates::format(r.createdAt) << "\n";
+            << Dates::format(r.createdAt) << "  " << scrivet::displayName(r.provider) << "\n";
     }
     return 0;
 }

@@ -5,7 +5,7 @@
 namespace lumora {
 
 std::optional<ApprovalScope> ApprovalRequest::approvalScope() const {
-    if (!approvable || escalated || toolName.empty()) return std::nullopt;
+    if (!approvable || leavesSandbox() || toolName.empty()) return std::nullopt;
     if (CommandParsing::isShellTool(toolName)) {
         auto heads = CommandParsing::heads(detail.value_or(""));
         if (!heads) return std::nullopt;
@@ -13,6 +13,5 @@ std::optional<ApprovalScope> ApprovalRequest::approvalScope() const {
     }
     return ApprovalScope::tool();
 }
-
 
 }  // namespace lumora

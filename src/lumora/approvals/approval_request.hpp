@@ -32,7 +32,7 @@ struct ApprovalRequest {
     std::optional<std::string> detail;  // command, file or pattern being approved
     bool approvable = false;            // a gate is held, so an answer reaches the agent
     std::optional<std::string> reason;  // the "why" line
-    bool escalated = false;             // wants to run outside the sandbox ("Outside sandbox")
+    bool escalated = false;             // wants to run outside the sandbox ("Outside sandbox"); see leavesSandbox
     // The agent asking: standing rules made on one agent's prompt never answer another's.
     scrivet::HarnessProvider provider = scrivet::HarnessProvider::claudeCode;
     // The held prompt this row shows (the bridge numbers them); 0 when none is held.
@@ -41,11 +41,20 @@ struct ApprovalRequest {
     // True when there is a reason to show; such a row grows by one line.
     bool hasContext() const { return reason && !reason->empty(); }
 
-    // What this approval may be widened to; nothing when it is not approvable,
-    // is escalated, names no tool, or is a shell command whose programs cannot
-    // be read safely.
-    std::optional<ApprovalScope> approvalScope() const;
+    // Whether a request of `provider` leaves the agent's sandbox: one marked
+    // escalated, and every Codex permission request (Codex asks for permission
+    // only to run a command outside its sandbox; the request itself is the
+    // escalation). Such a request shows "Outside sandbox", offers no wider
+    // scope and is never answered by a standing rule.
+    static bool leavesSandbox(scrivet::HarnessProvider provider, bool escalated) {
+        return escalated || provider == scrivet::HarnessProvider::codex;
+    }
+    bool leavesSandbox() const { return leavesSandbox(provider, escalated); }
 
+    // What this approval may be widened to; nothing when it is not approvable,
+    // leaves the sandbox, names no tool, or is a shell command whose programs
+    // cannot be read safely.
+    std::optional<ApprovalScope> approvalScope() const;
 
     bool operator==(const ApprovalRequest&) const = default;
 };

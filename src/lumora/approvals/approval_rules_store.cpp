@@ -6,13 +6,15 @@
 #include <cctype>
 #include <random>
 
-#include "lumora/base/defaults_store.hpp"
+#include "lumora/approvals/approval_request.hpp"
 #include "lumora/approvals/command_parsing.hpp"
 #include "lumora/base/dates.hpp"
+#include "lumora/base/defaults_store.hpp"
 
 namespace lumora {
 
 using Json = nlohmann::ordered_json;
+using scrivet::HarnessProvider;
 
 namespace {
 
@@ -34,12 +36,18 @@ std::string newUuid() {
     return buf;
 }
 
-bool plausibleWord(std::string_view w) {
-    if (w.empty() || w.size() > 64) return false;
-    return std::all_of(w.begin(), w.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-               std::string_view("_-./+:@").find(c) != std::string_view::npos;
-    });
+// A rule for an agent this version does not know: a newer version made it.
+// It is left in the file and not applied.
+bool fromNewerVersion(const Json& item) {
+    if (!item.is_object()) return false;
+    auto provider = item.find("provider");
+    return provider != item.end() && provider->is_string() && !scrivet::providerFromRaw(provider->get<std::string>());
+}
+
+std::string_view trimmed(std::string_view s) {
+    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.front()))) s.remove_prefix(1);
+    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.back()))) s.remove_suffix(1);
+    return s;
 }
 
 }  // namespace
@@ -52,6 +60,7 @@ Json ApprovalRule::toJson() const {
     j["toolName"] = toolName;
     if (head) j["head"] = *head;
     j["createdAt"] = Dates::format(createdAt);
+    j["provider"] = std::string(scrivet::rawValue(provider));
     return j;
 }
 
@@ -72,23 +81,20 @@ std::optional<ApprovalRule> ApprovalRule::fromJson(const Json& j) {
     auto when = Dates::parse(*created);
     if (!when) return std::nullopt;
     rule.createdAt = *when;
+    if (auto provider = j.find("provider"); provider != j.end()) {
+        if (!provider->is_string()) return std::nullopt;
+        auto known = scrivet::providerFromRaw(provider->get<std::string>());
+        if (!known) return std::nullopt;
+        rule.provider = *known;
+    }
     return rule;
 }
 
 bool ApprovalRulesStore::looksLikeCommandHead(const ApprovalRule& rule) {
     if (!rule.head) return !rule.toolName.empty();
-    std::vector<std::string_view> words;
     std::string_view h = *rule.head;
-    size_t start = 0;
-    while (true) {
-        size_t sp = h.find(' ', start);
-        words.push_back(h.substr(start, sp == std::string_view::npos ? std::string_view::npos : sp - start));
-        if (sp == std::string_view::npos) break;
-        start = sp + 1;
-    }
-    if (words.size() == 1) return plausibleWord(words[0]);
-    if (words.size() == 2 && words[0] == "sudo") return plausibleWord(words[1]);
-    return false;
+    if (h.substr(0, 5) == "sudo ") h.remove_prefix(5);
+    return CommandParsing::isPlausibleWord(h);
 }
 
 ApprovalRulesStore& ApprovalRulesStore::shared() {
@@ -96,91 +102,202 @@ ApprovalRulesStore& ApprovalRulesStore::shared() {
     return store;
 }
 
-ApprovalRulesStore::ApprovalRulesStore(DefaultsStore& defaults) : defaults_(defaults) {
+ApprovalRulesStore::ApprovalRulesStore(DefaultsStore& defaults, Clock clock)
+    : defaults_(defaults), clock_(std::move(clock)) {
+    if (!clock_) clock_ = [] { return std::chrono::system_clock::now(); };
+    // At start-up the implausible rules are also dropped from the file.
+    auto stamp = FileStamp::of(defaults_.file());
+    size_t dropped = 0;
+    auto stored = defaults_.list(defaultsKey);
+    auto rules = stored ? decode(*stored, dropped) : std::vector<ApprovalRule>{};
+    if (dropped > 0) {
+        spdlog::info("[approval] dropped {} malformed always-rule(s)", dropped);
+        defaults_.update(defaultsKey, [](Json& list) {
+            if (!list.is_array()) return;
+            Json kept = Json::array();
+            for (const auto& item : list) {
+                auto rule = ApprovalRule::fromJson(item);
+                if (fromNewerVersion(item) || (rule && looksLikeCommandHead(*rule))) kept.push_back(item);
+            }
+            list = std::move(kept);
+        });
+        stamp = FileStamp::of(defaults_.file());
+    }
     std::lock_guard lock(mutex_);
-    loadLocked();
+    setRulesLocked(std::move(rules));
+    stamp_ = stamp;
+    loaded_ = true;
 }
 
-std::vector<ApprovalRule> ApprovalRulesStore::loadLocked() const {
+ApprovalRulesStore::~ApprovalRulesStore() = default;
+
+std::vector<ApprovalRule> ApprovalRulesStore::decode(const Json& list, size_t& dropped) {
     std::vector<ApprovalRule> rules;
-    auto stored = defaults_.list(defaultsKey);
-    if (!stored) return rules;  // missing or undecodable: no rules
-    size_t dropped = 0;
-    for (const auto& item : *stored) {
+    for (const auto& item : list) {
+        if (fromNewerVersion(item)) continue;
         auto rule = ApprovalRule::fromJson(item);
         if (rule && looksLikeCommandHead(*rule)) rules.push_back(std::move(*rule));
         else ++dropped;
     }
-    if (dropped > 0) {
-        spdlog::info("[approval] dropped {} malformed always-rule(s)", dropped);
-        saveLocked(rules);
-    }
     return rules;
 }
 
-void ApprovalRulesStore::saveLocked(const std::vector<ApprovalRule>& rules) const {
-    Json list = Json::array();
-    for (const auto& r : rules) list.push_back(r.toJson());
-    defaults_.setValue(defaultsKey, std::move(list));
+void ApprovalRulesStore::setRulesLocked(std::vector<ApprovalRule> stored) const {
+    for (const auto& p : pending_) {
+        bool saved = std::any_of(stored.begin(), stored.end(), [&](const ApprovalRule& r) { return r.id == p.id; });
+        if (!saved) stored.push_back(p);
+    }
+    always_ = std::move(stored);
+    alwaysKeys_.clear();
+    for (const auto& r : always_) alwaysKeys_[r.provider].insert(r.key());
 }
 
-bool ApprovalRulesStore::matches(const std::string& sessionId, const std::string& toolName,
-                                 const std::optional<std::string>& detail, bool escalated) const {
-    if (escalated || toolName.empty()) return false;
-    std::set<std::string> allowed;
+void ApprovalRulesStore::refresh(bool wait) const {
+    auto stamp = FileStamp::of(defaults_.file());
     {
         std::lock_guard lock(mutex_);
-        for (const auto& rule : loadLocked()) allowed.insert(rule.key());
-        if (auto it = sessionRules_.find(sessionId); it != sessionRules_.end())
-            allowed.insert(it->second.begin(), it->second.end());
+        if (loaded_ && stamp == stamp_) return;
     }
-    if (!CommandParsing::isShellTool(toolName)) return allowed.count("tool:" + toolName) > 0;
-    std::string_view command = detail ? std::string_view(*detail) : std::string_view();
-    while (!command.empty() && std::isspace(static_cast<unsigned char>(command.front()))) command.remove_prefix(1);
-    while (!command.empty() && std::isspace(static_cast<unsigned char>(command.back()))) command.remove_suffix(1);
-    if (command.empty()) return false;
-    auto heads = CommandParsing::heads(command);
-    if (!heads) return false;
-    return std::all_of(heads->begin(), heads->end(),
-                       [&](const std::string& h) { return allowed.count("head:" + h) > 0; });
-}
-
-bool ApprovalRulesStore::matches(scrivet::HarnessProvider provider, const std::string& sessionId,
-                                 const std::string& toolName, const std::optional<std::string>& detail,
-                                 bool escalated) const {
-    if (provider != scrivet::HarnessProvider::claudeCode) return false;
-    return matches(sessionId, toolName, detail, escalated);
-}
-
-void ApprovalRulesStore::addSessionRule(const std::string& sessionId, const std::string& toolName,
-                                        const std::optional<std::string>& head) {
-    ApprovalRule rule{"", toolName, head, {}};
+    std::optional<Json> stored;
+    if (wait) {
+        stored = defaults_.list(defaultsKey);
+    } else {
+        bool busy = false;
+        stored = defaults_.tryValue(defaultsKey, busy);
+        if (busy) return;  // a write is in progress: keep the rules we have, read them at a later gate
+    }
+    size_t dropped = 0;
+    auto rules = stored && stored->is_array() ? decode(*stored, dropped) : std::vector<ApprovalRule>{};
+    if (dropped > 0) spdlog::info("[approval] ignored {} malformed always-rule(s)", dropped);
     std::lock_guard lock(mutex_);
-    sessionRules_[sessionId].insert(rule.key());
+    setRulesLocked(std::move(rules));
+    stamp_ = stamp;  // taken before reading: a change since then reads again next time
+    loaded_ = true;
 }
 
-ApprovalRule ApprovalRulesStore::addAlwaysRule(const std::string& toolName, const std::optional<std::string>& head) {
-    ApprovalRule rule{newUuid(), toolName, head, std::chrono::system_clock::now()};
-    std::lock_guard lock(mutex_);
-    auto rules = loadLocked();
-    rules.push_back(rule);
-    saveLocked(rules);
-    return rule;
+void ApprovalRulesStore::pruneSessionsLocked(std::chrono::system_clock::time_point now) const {
+    std::erase_if(sessionRules_, [&](const auto& entry) { return now - entry.second.lastUsed > kSessionRulesIdle; });
+    while (sessionRules_.size() > kMaxSessions) {
+        auto oldest = std::min_element(sessionRules_.begin(), sessionRules_.end(), [](const auto& a, const auto& b) {
+            return a.second.lastUsed < b.second.lastUsed;
+        });
+        sessionRules_.erase(oldest);
+    }
 }
 
-bool ApprovalRulesStore::removeAlwaysRule(const std::string& id) {
+bool ApprovalRulesStore::matches(HarnessProvider provider, const std::string& sessionId, const std::string& toolName,
+                                 const std::optional<std::string>& detail, bool escalated) const {
+    if (ApprovalRequest::leavesSandbox(provider, escalated) || toolName.empty()) return false;
+    std::vector<std::string> keys;
+    if (CommandParsing::isShellTool(toolName)) {
+        std::string_view command = trimmed(detail ? std::string_view(*detail) : std::string_view());
+        if (command.empty()) return false;
+        auto heads = CommandParsing::heads(command);
+        if (!heads) return false;
+        for (auto& h : *heads) keys.push_back("head:" + h);
+    } else {
+        keys.push_back("tool:" + toolName);
+    }
+    refresh(false);
+
+    auto now = clock_();
     std::lock_guard lock(mutex_);
-    auto rules = loadLocked();
-    auto it = std::find_if(rules.begin(), rules.end(), [&](const ApprovalRule& r) { return r.id == id; });
-    if (it == rules.end()) return false;
-    rules.erase(it);
-    saveLocked(rules);
+    const std::set<std::string>* always = nullptr;
+    if (auto it = alwaysKeys_.find(provider); it != alwaysKeys_.end()) always = &it->second;
+    SessionRules* session = nullptr;
+    if (auto it = sessionRules_.find({provider, sessionId}); it != sessionRules_.end()) {
+        if (now - it->second.lastUsed > kSessionRulesIdle) sessionRules_.erase(it);
+        else session = &it->second;
+    }
+    bool usedSession = false;
+    for (const auto& key : keys) {
+        if (always && always->count(key)) continue;
+        if (session && session->keys.count(key)) {
+            usedSession = true;
+            continue;
+        }
+        return false;
+    }
+    if (usedSession) session->lastUsed = now;
     return true;
 }
 
-std::vector<ApprovalRule> ApprovalRulesStore::alwaysRules() const {
+void ApprovalRulesStore::addSessionRule(HarnessProvider provider, const std::string& sessionId,
+                                        const std::string& toolName, const std::optional<std::string>& head) {
+    ApprovalRule rule{"", toolName, head, {}, provider};
+    auto now = clock_();
     std::lock_guard lock(mutex_);
-    return loadLocked();
+    auto& session = sessionRules_[{provider, sessionId}];
+    if (session.keys.size() < kMaxKeysPerSession) session.keys.insert(rule.key());
+    session.lastUsed = now;
+    pruneSessionsLocked(now);
+}
+
+size_t ApprovalRulesStore::sessionCount() const {
+    std::lock_guard lock(mutex_);
+    pruneSessionsLocked(clock_());
+    return sessionRules_.size();
+}
+
+ApprovalRule ApprovalRulesStore::addAlwaysRule(HarnessProvider provider, const std::string& toolName,
+                                               const std::optional<std::string>& head) {
+    ApprovalRule rule{newUuid(), toolName, head, clock_(), provider};
+    {
+        std::lock_guard lock(mutex_);
+        pending_.push_back(rule);
+        always_.push_back(rule);
+        alwaysKeys_[provider].insert(rule.key());
+    }
+    writes_.async([this, rule] { save(rule); });
+    return rule;
+}
+
+void ApprovalRulesStore::save(const ApprovalRule& rule) {
+    {
+        std::lock_guard lock(mutex_);
+        auto still = std::find_if(pending_.begin(), pending_.end(), [&](const ApprovalRule& r) { return r.id == rule.id; });
+        if (still == pending_.end()) return;  // removed before it was saved
+    }
+    defaults_.update(defaultsKey, [&](Json& list) {
+        if (!list.is_array()) list = Json::array();
+        list.push_back(rule.toJson());
+    });
+    std::lock_guard lock(mutex_);
+    std::erase_if(pending_, [&](const ApprovalRule& r) { return r.id == rule.id; });
+}
+
+bool ApprovalRulesStore::removeAlwaysRule(const std::string& id) {
+    bool found = false;
+    {
+        std::lock_guard lock(mutex_);
+        found = std::erase_if(pending_, [&](const ApprovalRule& r) { return r.id == id; }) > 0;
+    }
+    defaults_.update(defaultsKey, [&](Json& list) {
+        if (!list.is_array()) return;
+        size_t before = list.size();
+        list.erase(std::remove_if(list.begin(), list.end(),
+                                  [&](const Json& item) {
+                                      auto rid = item.is_object() ? item.find("id") : item.end();
+                                      return item.is_object() && rid != item.end() && *rid == id;
+                                  }),
+                   list.end());
+        found = found || list.size() != before;
+    });
+    std::lock_guard lock(mutex_);
+    auto rules = always_;
+    std::erase_if(rules, [&](const ApprovalRule& r) { return r.id == id; });
+    setRulesLocked(std::move(rules));
+    return found;
+}
+
+std::vector<ApprovalRule> ApprovalRulesStore::alwaysRules() const {
+    refresh(true);
+    std::lock_guard lock(mutex_);
+    return always_;
+}
+
+void ApprovalRulesStore::flush() {
+    writes_.sync([] {});
 }
 
 }  // namespace lumora

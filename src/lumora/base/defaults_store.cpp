@@ -70,6 +70,16 @@ std::optional<DefaultsStore::Json> DefaultsStore::value(const std::string& key) 
     return *it;
 }
 
+std::optional<DefaultsStore::Json> DefaultsStore::tryValue(const std::string& key, bool& busy) const {
+    std::unique_lock lock(mutex_, std::try_to_lock);
+    busy = !lock.owns_lock();
+    if (busy) return std::nullopt;
+    refreshIfChanged();
+    auto it = cache_.find(key);
+    if (it == cache_.end()) return std::nullopt;
+    return *it;
+}
+
 std::optional<bool> DefaultsStore::boolean(const std::string& key) const {
     auto v = value(key);
     if (!v) return std::nullopt;
@@ -125,6 +135,16 @@ Status DefaultsStore::setValue(const std::string& key, Json v) {
 
 Status DefaultsStore::remove(const std::string& key) {
     return mutate([&](Json& all) { all.erase(key); });
+}
+
+Status DefaultsStore::update(const std::string& key, const std::function<void(Json&)>& change) {
+    return mutate([&](Json& all) {
+        auto it = all.find(key);
+        Json value = it == all.end() ? Json() : *it;
+        change(value);
+        if (value.is_null()) all.erase(key);
+        else all[key] = std::move(value);
+    });
 }
 
 Status DefaultsStore::removeAll() {

@@ -48,6 +48,11 @@ public:
     std::optional<Json> list(const std::string& key) const;        // a JSON array
     std::optional<Json> dictionary(const std::string& key) const;  // a JSON object
 
+    // Like value(), but never waits: when another thread of this process is
+    // writing (a write may itself wait on another process's file lock),
+    // `busy` is set and nothing is returned.
+    std::optional<Json> tryValue(const std::string& key, bool& busy) const;
+
     // Each write says why it failed ("can't read …: Permission denied").
     Status setBool(const std::string& key, bool value);
     Status setInteger(const std::string& key, int64_t value);
@@ -55,6 +60,10 @@ public:
     Status setString(const std::string& key, const std::string& value);
     Status setValue(const std::string& key, Json value);
     Status remove(const std::string& key);
+    // Applies `change` to the value of `key` as it is on disk at this moment
+    // (null when missing), under the file lock, and writes the result back; a
+    // null result removes the key. For lists that several processes edit.
+    Status update(const std::string& key, const std::function<void(Json&)>& change);
     // Removes every key, keeping the file.
     Status removeAll();
     // Removes the store's files (the file, its lock file and a set-aside

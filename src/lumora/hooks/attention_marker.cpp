@@ -60,8 +60,11 @@ std::optional<CursorActivity> CursorActivity::fromJson(const Json& j) {
     return a;
 }
 
-ApprovalRequest AttentionMarker::approvalRequest(bool approvable) const {
-    return ApprovalRequest{sessionId, toolName, detail, approvable, reason, escalated};
+ApprovalRequest AttentionMarker::approvalRequest(bool approvable, scrivet::HarnessProvider provider) const {
+    ApprovalRequest r{sessionId, toolName, detail, approvable, reason, escalated};
+    r.provider = provider;
+    r.escalated = r.leavesSandbox();
+    return r;
 }
 
 }  // namespace lumora

@@ -32,9 +32,11 @@ struct AttentionMarker {
     // Nothing when `json` is not an object or a key has the wrong type.
     static std::optional<AttentionMarker> fromJson(const nlohmann::ordered_json& json);
 
-    // The approval row this marker shows; `approvable` says whether the
-    // bridge holds a gate for its session.
-    ApprovalRequest approvalRequest(bool approvable) const;
+    // The approval row this marker shows for `provider`'s session;
+    // `approvable` says whether the bridge holds a gate for it. A request
+    // that leaves the sandbox (every Codex one) is marked escalated.
+    ApprovalRequest approvalRequest(bool approvable,
+                                    scrivet::HarnessProvider provider = scrivet::HarnessProvider::claudeCode) const;
 
     bool operator==(const AttentionMarker&) const = default;
 };

@@ -35,14 +35,16 @@ std::optional<Date> known(Date d) {
 
 }  // namespace
 
-ApprovalRequest approvalFromMarker(const std::string& sessionId, const HookSignals::Marker& m, bool approvable) {
+ApprovalRequest approvalFromMarker(const std::string& sessionId, const HookSignals::Marker& m, bool approvable,
+                                   HarnessProvider provider) {
     ApprovalRequest r;
     r.sessionId = sessionId;
     r.toolName = m.toolName;
     r.detail = m.detail;
     r.approvable = approvable;
     r.reason = m.reason;
-    r.escalated = m.escalated;
+    r.provider = provider;
+    r.escalated = ApprovalRequest::leavesSandbox(provider, m.escalated);
     return r;
 }
 
@@ -169,8 +171,7 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
         status = AgentStatus::attention;
         a.hasHookGroundTruth = true;
         if (m.kind == Kind::permission) {
-            a.approval = approvalFromMarker(obs.id, m, hooks.gateHeld);
-            a.approval->provider = obs.provider;
+            a.approval = approvalFromMarker(obs.id, m, hooks.gateHeld, obs.provider);
             if (hooks.gateHeld) a.approval->gateId = hooks.gateId;
         }
         if (m.kind == Kind::question) a.question = questionFromMarker(m);
@@ -189,6 +190,8 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
                 r.detail = info.pendingToolCall->detail;
             }
             r.approvable = false;
+            r.provider = obs.provider;
+            r.escalated = r.leavesSandbox();
             a.approval = r;
         } else if (*self->waitingFor == "input needed") {
             status = AgentStatus::attention;

@@ -32,8 +32,10 @@ struct Settings {
 AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Memo& memo, Date now,
                      const Settings& settings);
 
-// The permission request a row shows for a permission marker.
-ApprovalRequest approvalFromMarker(const std::string& sessionId, const HookSignals::Marker& marker, bool approvable);
+// The permission request a row of `provider` shows for a permission marker
+// (every Codex request leaves the sandbox, so it is marked escalated).
+ApprovalRequest approvalFromMarker(const std::string& sessionId, const HookSignals::Marker& marker, bool approvable,
+                                   HarnessProvider provider = HarnessProvider::claudeCode);
 // The question a question marker carries (nothing without its text).
 std::optional<PendingQuestion> questionFromMarker(const HookSignals::Marker& marker);
 

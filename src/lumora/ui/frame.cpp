@@ -124,4 +124,33 @@ std::string sanitize(std::string_view text) {
     return out;
 }
 
+std::string visibleText(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        size_t start = i;
+        char32_t c = decode(text, i);
+        if (i - start == 1 && c >= 0x80) out += '?';
+        else if (c == '\n' || c == 0x2028) out += "↵";
+        else if (c == '\t') out += ' ';
+        else if (c < 0x20) {
+            char32_t picture = 0x2400 + c;
+            out += static_cast<char>(0xE0 | (picture >> 12));
+            out += static_cast<char>(0x80 | ((picture >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (picture & 0x3F));
+        } else if (c == 0x7F) out += "␡";
+        else if ((c >= 0x80 && c < 0xA0) || c == 0x180E || (c >= 0x200B && c <= 0x200F) ||
+                 (c >= 0x2029 && c <= 0x202E) || (c >= 0x2060 && c <= 0x206F) || c == 0xFEFF)
+            out += "�";
+        else out.append(text.substr(start, i - start));
+    }
+    return out;
+}
+
+size_t characterLength(std::string_view text, size_t i) {
+    size_t start = i;
+    decode(text, i);
+    return i - start;
+}
+
 }  // namespace lumora::ui

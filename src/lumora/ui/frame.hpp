@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "lumora/monitor/agent_status.hpp"
@@ -53,9 +55,18 @@ struct Span {
     bool operator==(const Span&) const = default;
 };
 
+// The part of an approval's command a line shows: bytes [begin, end) of the
+// command's display text (ViewRenderer::commandText), for Frame::commands[index].
+struct CommandPart {
+    int index = -1;
+    size_t begin = 0, end = 0;
+    bool operator==(const CommandPart&) const = default;
+};
+
 struct Line {
     std::vector<Span> spans;
     bool selected = false;  // the whole line belongs to the selected row (its background fills)
+    std::optional<CommandPart> command;  // set when the line shows part of an approval's command
 
     Line& add(std::string text, Style style = {});
     // The line's characters without styles.
@@ -64,11 +75,25 @@ struct Line {
     bool operator==(const Line&) const = default;
 };
 
+// An approval's command as one frame shows it.
+struct ShownCommand {
+    std::string sessionId;
+    uint64_t gateId = 0;
+    std::string detail;                              // the command as the request carries it
+    size_t length = 0;                               // bytes of its display text
+    std::vector<std::pair<size_t, size_t>> parts;    // the byte ranges of the display text on screen
+    // For the selected row opened on a command longer than the screen: its
+    // wrapped lines, how many are drawn and the first one drawn.
+    int lines = 0, window = 0, top = 0;
+    bool operator==(const ShownCommand&) const = default;
+};
+
 struct Frame {
     int width = 0;
     int height = 0;
     std::vector<Line> lines;  // exactly `height` lines, none wider than `width`
     int scrollTop = 0;        // the first row drawn (the renderer may move it to show the selection)
+    std::vector<ShownCommand> commands;  // the approvals' commands drawn, and which parts are on screen
 
     // Every line's text, trailing blanks trimmed, joined with newlines.
     std::string text() const;
@@ -85,5 +110,12 @@ std::string padText(std::string_view text, int width);
 // Replaces control characters (newlines, tabs, escapes) with blanks, so a
 // journal's text can never move the cursor.
 std::string sanitize(std::string_view text);
+// Shows every character of a command for what it is, on one line: a newline
+// as "↵" (so is a Unicode line separator), a tab as a blank, other control
+// characters as their control pictures ("␍", "␛"), characters that are
+// invisible or turn the text's direction as "�", broken UTF-8 as "?".
+std::string visibleText(std::string_view text);
+// The bytes of the UTF-8 character at `i` (1 for a broken byte).
+size_t characterLength(std::string_view text, size_t i);
 
 }  // namespace lumora::ui

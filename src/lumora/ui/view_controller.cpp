@@ -65,6 +65,18 @@ void ViewController::sawSelected() {
     }
 }
 
+bool ViewController::scrollCommand(int direction, bool page) {
+    if (!state_.expanded || !selectedCommand_ || selectedCommand_->sessionId != state_.selectedId) return false;
+    auto& c = *selectedCommand_;
+    int last = c.lines - c.window;  // the top that shows the end
+    if (last <= 0 || (direction > 0 && c.top >= last) || (direction < 0 && c.top <= 0)) return false;
+    // A page moves by exactly the lines drawn, so none is skipped.
+    c.top = std::clamp(c.top + direction * (page ? c.window : 1), 0, last);
+    state_.commandTop = c.top;
+    ViewNav::freeze(state_, model_);
+    return true;
+}
+
 bool ViewController::handle(Key key) {
     model_.now = clock_();
     if (state_.helpShown && key != Key::quit) {
@@ -72,18 +84,28 @@ bool ViewController::handle(Key key) {
         state_.helpShown = false;
         return true;
     }
+    auto selectedBefore = state_.selectedId;
     switch (key) {
         case Key::quit: return false;
         case Key::help: state_.helpShown = true; return true;
-        case Key::up: ViewNav::move(state_, model_, -1); break;
-        case Key::down: ViewNav::move(state_, model_, 1); break;
-        case Key::pageUp: ViewNav::move(state_, model_, -pageRows_); break;
-        case Key::pageDown: ViewNav::move(state_, model_, pageRows_); break;
+        case Key::up:
+            if (!scrollCommand(-1, false)) ViewNav::move(state_, model_, -1);
+            break;
+        case Key::down:
+            if (!scrollCommand(1, false)) ViewNav::move(state_, model_, 1);
+            break;
+        case Key::pageUp:
+            if (!scrollCommand(-1, true)) ViewNav::move(state_, model_, -pageRows_);
+            break;
+        case Key::pageDown:
+            if (!scrollCommand(1, true)) ViewNav::move(state_, model_, pageRows_);
+            break;
         case Key::home: ViewNav::moveToEnd(state_, model_, false); break;
         case Key::end: ViewNav::moveToEnd(state_, model_, true); break;
         case Key::expand:
             ViewNav::freeze(state_, model_);
             state_.expanded = !state_.expanded;
+            state_.commandTop = 0;
             break;
         case Key::approve: choose(ApprovalChoice::Kind::approve); break;
         case Key::deny: choose(ApprovalChoice::Kind::deny); break;
@@ -91,6 +113,10 @@ bool ViewController::handle(Key key) {
         case Key::allowAlways: choose(ApprovalChoice::Kind::allowAlways); break;
         case Key::escape: state_.expanded = false; return true;
         case Key::other: return true;
+    }
+    if (state_.selectedId != selectedBefore) {
+        state_.commandTop = 0;
+        selectedCommand_.reset();
     }
     sawSelected();
     return true;
@@ -115,6 +141,10 @@ void ViewController::choose(ApprovalChoice::Kind kind) {
             note("That choice is not offered for this request", AgentStatus::idle);
         return;
     }
+    if (kind != ApprovalChoice::Kind::deny && !ViewNav::wholeCommandSeen(state_, a->id, request)) {
+        note("See the whole command before approving it: ⏎ shows it", AgentStatus::idle);
+        return;
+    }
     ViewNav::freeze(state_, model_);
     auto confirmation = backend_.choose(request, kind);
     if (confirmation) {
@@ -132,8 +162,26 @@ Frame ViewController::frame(int width, int height) {
     ViewNav::expire(state_, model_.now);
     auto rows = ViewNav::rows(model_, state_);
     ViewNav::reconcile(state_, rows);
+    // Another prompt on the opened row starts at its first line.
+    if (selectedCommand_) {
+        const auto* a = ViewNav::selected(state_, rows);
+        if (!a || !a->approval || a->id != selectedCommand_->sessionId || a->approval->gateId != selectedCommand_->gateId ||
+            a->approval->detail.value_or("") != selectedCommand_->detail)
+            state_.commandTop = 0;
+    }
     Frame f = ViewRenderer::render(model_, state_, width, height);
     state_.scrollTop = f.scrollTop;
+    // What this frame shows has been seen; when that completes a command, its
+    // buttons are drawn on this same frame.
+    if (ViewNav::noteShown(state_, f, model_.instances)) {
+        f = ViewRenderer::render(model_, state_, width, height);
+        state_.scrollTop = f.scrollTop;
+        ViewNav::noteShown(state_, f, model_.instances);
+    }
+    selectedCommand_.reset();
+    for (const auto& c : f.commands) {
+        if (state_.selectedId && c.sessionId == *state_.selectedId) selectedCommand_ = c;
+    }
     return f;
 }
 

@@ -50,6 +50,9 @@ public:
 
 private:
     void choose(ApprovalChoice::Kind kind);
+    // Scrolls the opened row's long command by a line or a page; false when
+    // it is not scrollable that way (the key then moves the selection).
+    bool scrollCommand(int direction, bool page);
     void sawSelected();
     void note(std::string text, AgentStatus status, bool done = false);
 
@@ -61,6 +64,7 @@ private:
     long long lastPeekToken_ = -1;
     bool bell_ = false;
     int pageRows_ = 8;
+    std::optional<ShownCommand> selectedCommand_;  // the selected row's command as the last frame drew it
 };
 
 // How often ages are brought up to date while nothing else changes.

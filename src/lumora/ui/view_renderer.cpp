@@ -90,6 +90,7 @@ void clip(Line& line, int width) {
             continue;
         }
         if (width - used > 0) kept.push_back(Span{fitText(s.text, width - used), s.style});
+        line.command.reset();  // a cut line does not show its part of a command whole
         break;
     }
     line.spans = std::move(kept);
@@ -154,27 +155,143 @@ std::vector<Line> mainLine(const AgentInstance& a, const ViewModel& m, bool isSe
     return {line};
 }
 
-// Wraps labelled buttons ("[a] Approve") over as many lines as they need.
-std::vector<Line> buttonLines(const std::vector<ApprovalChoice>& choices, int width) {
+// Wraps labelled buttons ("[a] Approve") over as many lines as they need;
+// `hint` (a key and what it does) follows them, muted.
+std::vector<Line> buttonLines(const std::vector<ApprovalChoice>& choices, int width,
+                              std::optional<std::pair<std::string, std::string>> hint = std::nullopt) {
     std::vector<Line> out;
     Line line = indented();
-    for (const auto& ch : choices) {
-        std::string key = std::string("[") + keyFor(ch.kind) + "]";
-        std::string text = sanitize(ch.label);
+    auto place = [&](const std::string& key, const std::string& text, Style style) {
         int need = displayWidth(key) + 1 + displayWidth(text) + 2;
         if (line.width() > kIndent && line.width() + need > width) {
             out.push_back(line);
             line = indented();
         }
+        line.add(key, role(Role::keyName, true)).add(" ").add(text, style).add("  ");
+    };
+    for (const auto& ch : choices) {
         Role r = ch.kind == ApprovalChoice::Kind::deny ? Role::attention : Role::working;
-        line.add(key, role(Role::keyName, true)).add(" ").add(text, role(r)).add("  ");
+        place(std::string("[") + keyFor(ch.kind) + "]", sanitize(ch.label), role(r));
     }
+    if (hint) place("[" + hint->first + "]", hint->second, muted());
     out.push_back(line);
     return out;
 }
 
+// The bytes of `text` from `from` whose characters fit `cols` columns.
+size_t fittingBytes(std::string_view text, size_t from, int cols) {
+    size_t i = from;
+    int used = 0;
+    while (i < text.size()) {
+        size_t len = characterLength(text, i);
+        int w = displayWidth(text.substr(i, len));
+        if (used + w > cols) break;
+        used += w;
+        i += len;
+    }
+    return i - from;
+}
+
+// Cuts a command's display text into lines of at most `cols` columns,
+// breaking after each newline mark; byte ranges of the text.
+std::vector<std::pair<size_t, size_t>> wrapCommand(std::string_view text, int cols) {
+    std::vector<std::pair<size_t, size_t>> lines;
+    static const std::string_view newline = "↵";
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = start + std::max<size_t>(1, fittingBytes(text, start, std::max(1, cols)));
+        end = std::min(end, text.size());
+        size_t mark = text.substr(start, end - start).find(newline);
+        if (mark != std::string_view::npos) {
+            end = start + mark + newline.size();
+        } else if (end < text.size() && text[end] != ' ') {
+            // Break after a blank in the line's second half rather than inside a word.
+            size_t blank = text.substr(start, end - start).rfind(' ');
+            if (blank != std::string_view::npos && blank >= (end - start) / 2) end = start + blank + 1;
+        }
+        lines.emplace_back(start, end);
+        start = end;
+    }
+    return lines;
+}
+
+constexpr int kCommandIndent = 2;  // a wrapped command's lines, beyond the row's indent
+
+// The approval of a row: its tool and command (the whole command, wrapped
+// and scrolled, when the row is opened on one too long for a line), the
+// reason, and the buttons or the confirmation. Approve and the wider scopes
+// show only once the whole command has been on screen.
+void approvalLines(std::vector<Line>& out, const AgentInstance& a, const ViewModel& m, const ViewState& s,
+                   bool isSelected, int width, int listLines, std::vector<ShownCommand>& shown) {
+    const auto& r = *a.approval;
+    std::string tool = r.toolName.empty() ? "Tool" : sanitize(r.toolName);
+    std::string text = r.detail ? visibleText(*r.detail) : std::string();
+    int index = static_cast<int>(shown.size());
+    if (!text.empty()) shown.push_back(ShownCommand{a.id, r.gateId, *r.detail, text.size(), {}});
+
+    Line head = indented();
+    if (r.leavesSandbox()) head.add(" Outside sandbox ", Style{Role::badge, true, false, true}).add(" ");
+    std::string label = text.empty() ? tool : tool + ": ";
+    int room = width - head.width() - displayWidth(label);
+    bool opened = isSelected && s.expanded;
+    if (text.empty() || displayWidth(text) <= room) {
+        head.add(label + text, role(Role::normal, true));
+        if (!text.empty()) head.command = CommandPart{index, 0, text.size()};
+        out.push_back(head);
+    } else if (!opened) {
+        // One line, cut: "…" says there is more.
+        size_t shownBytes = fittingBytes(text, 0, std::max(0, room - 1));
+        head.add(label + text.substr(0, shownBytes) + "…", role(Role::normal, true));
+        head.command = CommandPart{index, 0, shownBytes};
+        out.push_back(head);
+    } else {
+        auto wrapped = wrapCommand(text, width - kIndent - kCommandIndent);
+        int total = static_cast<int>(wrapped.size());
+        // Room for the row's first lines, this heading, the reason, two lines
+        // of buttons and the markers above and below the row and the command.
+        int window = std::max(1, listLines - (2 + 1 + (r.hasContext() ? 1 : 0) + 2 + 2 + 2));
+        int top = 0;
+        if (total > window) top = std::clamp(s.commandTop, 0, total - window);
+        else window = total;
+        shown[static_cast<size_t>(index)].lines = total;
+        shown[static_cast<size_t>(index)].window = window;
+        shown[static_cast<size_t>(index)].top = top;
+        head.add(tool, role(Role::normal, true));
+        head.add(concat({" · ", std::to_string(total), total == 1 ? " line" : " lines"}), muted());
+        out.push_back(head);
+        if (top > 0) out.push_back(indented(kCommandIndent).add("↑ " + std::to_string(top) + " more lines", muted()));
+        for (int k = top; k < top + window; ++k) {
+            auto [begin, end] = wrapped[static_cast<size_t>(k)];
+            Line l = indented(kCommandIndent);
+            l.add(text.substr(begin, end - begin));
+            l.command = CommandPart{index, begin, end};
+            out.push_back(l);
+        }
+        if (int below = total - top - window; below > 0)
+            out.push_back(indented(kCommandIndent).add(concat({"↓ ", std::to_string(below), " more lines"}), muted()));
+    }
+    if (r.hasContext()) out.push_back(indented().add(oneLine(*r.reason), muted()));
+
+    auto conf = s.confirmations.find(a.id);
+    auto choices = m.choices.find(a.id);
+    if (conf != s.confirmations.end()) {
+        out.push_back(indented().add("✓ " + conf->second.text, role(Role::working, true)));
+    } else if (isSelected && choices != m.choices.end() && !choices->second.empty()) {
+        if (ViewNav::wholeCommandSeen(s, a.id, r)) {
+            for (auto& b : buttonLines(choices->second, width)) out.push_back(b);
+        } else {
+            std::vector<ApprovalChoice> deny;
+            for (const auto& c : choices->second)
+                if (c.kind == ApprovalChoice::Kind::deny) deny.push_back(c);
+            auto hint = opened ? std::make_pair(std::string("↓"), std::string("Read to the end to approve"))
+                               : std::make_pair(std::string("⏎"), std::string("Show the whole command to approve"));
+            for (auto& b : buttonLines(deny, width, hint)) out.push_back(b);
+        }
+    }
+}
+
 std::vector<Line> rowLines(const AgentInstance& a, const ViewModel& m, const ViewState& s, bool isSelected,
-                           int width, const Columns& c) {
+                           int width, const Columns& c, int listLines, std::vector<ShownCommand>& shown) {
     std::vector<Line> out = mainLine(a, m, isSelected, c, width);
     if (compact(a, m)) return out;
 
@@ -193,19 +310,7 @@ std::vector<Line> rowLines(const AgentInstance& a, const ViewModel& m, const Vie
     }
 
     if (a.approval) {
-        const auto& r = *a.approval;
-        Line l = indented();
-        if (r.escalated) l.add(" Outside sandbox ", Style{Role::badge, true, false, true}).add(" ");
-        l.add(approvalLine(r), role(Role::normal, true));
-        out.push_back(l);
-        if (r.hasContext()) out.push_back(indented().add(oneLine(*r.reason), muted()));
-        auto conf = s.confirmations.find(a.id);
-        auto choices = m.choices.find(a.id);
-        if (conf != s.confirmations.end()) {
-            out.push_back(indented().add("✓ " + conf->second.text, role(Role::working, true)));
-        } else if (isSelected && choices != m.choices.end() && !choices->second.empty()) {
-            for (auto& b : buttonLines(choices->second, width)) out.push_back(b);
-        }
+        approvalLines(out, a, m, s, isSelected, width, listLines, shown);
     } else if (auto conf = s.confirmations.find(a.id); conf != s.confirmations.end()) {
         out.push_back(indented().add("✓ " + conf->second.text, role(Role::working, true)));
     }
@@ -330,7 +435,7 @@ std::vector<Line> helpLines() {
     key("↑ ↓  k j", "move the selection");
     key("PgUp PgDn", "move a page");
     key("Home End  g G", "first or last row");
-    key("Enter", "expand or fold the selected row");
+    key("Enter", "expand or fold the selected row (a long command shows whole)");
     key("a", "Approve the selected request");
     key("d", "Deny it");
     key("s", "Allow its commands for this session");
@@ -433,7 +538,7 @@ std::string contextText(const AgentInstance& a, int cells) {
 std::string approvalLine(const ApprovalRequest& request) {
     std::string tool = request.toolName.empty() ? "Tool" : sanitize(request.toolName);
     if (!request.detail || request.detail->empty()) return tool;
-    return tool + ": " + scrivet::collapseWhitespace(sanitize(*request.detail));
+    return tool + ": " + visibleText(*request.detail);
 }
 
 Frame render(const ViewModel& model, const ViewState& state, int width, int height) {
@@ -471,7 +576,7 @@ Frame render(const ViewModel& model, const ViewState& state, int width, int heig
         for (size_t i = 0; i < rows.size(); ++i) {
             bool isSelected = state.selectedId && rows[i].id == *state.selectedId;
             if (isSelected) selectedIndex = static_cast<int>(i);
-            drawn.push_back(rowLines(rows[i], model, state, isSelected, width, cols));
+            drawn.push_back(rowLines(rows[i], model, state, isSelected, width, cols, listLines, f.commands));
             heights.push_back(static_cast<int>(drawn.back().size()));
         }
         int limit = std::max(1, model.settings.visibleRowLimit);
@@ -492,6 +597,8 @@ Frame render(const ViewModel& model, const ViewState& state, int width, int heig
     for (auto& l : list) {
         clip(l, width);
         if (l.selected) finish(l, width);
+        // Only what reaches the screen counts as shown.
+        if (l.command) f.commands[static_cast<size_t>(l.command->index)].parts.emplace_back(l.command->begin, l.command->end);
         f.lines.push_back(std::move(l));
     }
     f.lines.push_back(statusLine(model, state, width));

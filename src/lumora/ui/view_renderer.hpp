@@ -23,7 +23,7 @@ std::string providerInitials(HarnessProvider p);
 // The context column: a gauge of `cells` blocks and the token count, "~"
 // marking a window size guessed from the model name ("████░░ 42k~").
 std::string contextText(const AgentInstance& a, int cells);
-// What an approval asks for on one line: "Bash: git status && npm test".
+// What an approval asks for on one line, every character shown: "Bash: git status && npm test".
 std::string approvalLine(const ApprovalRequest& request);
 
 }  // namespace lumora::ui::ViewRenderer

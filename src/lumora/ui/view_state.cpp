@@ -91,6 +91,45 @@ std::optional<Date> nextDeadline(const ViewState& state) {
     return next;
 }
 
+bool wholeCommandSeen(const ViewState& state, const std::string& rowId, const ApprovalRequest& request) {
+    if (!request.detail || request.detail->empty()) return true;
+    auto it = state.commandsSeen.find(rowId);
+    return it != state.commandsSeen.end() && it->second.gateId == request.gateId &&
+           it->second.detail == *request.detail && it->second.whole();
+}
+
+bool noteShown(ViewState& state, const Frame& frame, const std::vector<AgentInstance>& rows) {
+    // Forget the commands of prompts that have gone.
+    std::erase_if(state.commandsSeen, [&](const auto& entry) {
+        auto row = std::find_if(rows.begin(), rows.end(), [&](const AgentInstance& a) { return a.id == entry.first; });
+        return row == rows.end() || !row->approval || row->approval->gateId != entry.second.gateId ||
+               row->approval->detail.value_or("") != entry.second.detail;
+    });
+    bool becameWhole = false;
+    for (const auto& shown : frame.commands) {
+        if (shown.parts.empty()) continue;
+        auto& record = state.commandsSeen[shown.sessionId];
+        if (record.gateId != shown.gateId || record.detail != shown.detail || record.length != shown.length)
+            record = CommandSeen{shown.gateId, shown.detail, shown.length, {}};
+        bool wasWhole = record.whole();
+        auto& seen = record.seen;
+        seen.insert(seen.end(), shown.parts.begin(), shown.parts.end());
+        std::sort(seen.begin(), seen.end());
+        std::vector<std::pair<size_t, size_t>> merged;
+        for (const auto& part : seen) {
+            if (!merged.empty() && part.first <= merged.back().second) merged.back().second = std::max(merged.back().second, part.second);
+            else merged.push_back(part);
+        }
+        seen = std::move(merged);
+        becameWhole = becameWhole || (!wasWhole && record.whole());
+    }
+    return becameWhole;
+}
+
 }  // namespace ViewNav
+
+bool CommandSeen::whole() const {
+    return length == 0 || (seen.size() == 1 && seen[0].first == 0 && seen[0].second >= length);
+}
 
 }  // namespace lumora::ui

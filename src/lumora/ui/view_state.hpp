@@ -8,6 +8,7 @@
 
 #include "lumora/monitor/agent_display.hpp"
 #include "lumora/monitor/tab_layout.hpp"
+#include "lumora/ui/frame.hpp"
 #include "lumora/ui/view_backend.hpp"
 
 // What the terminal view shows and where the user is in it, as plain data:
@@ -65,6 +66,17 @@ constexpr char keyFor(ApprovalChoice::Kind kind) {
     return 'a';
 }
 
+// How much of an approval's command has been on screen. Approve and the
+// wider scopes are offered only once all of it has been (Deny at once).
+struct CommandSeen {
+    uint64_t gateId = 0;  // the prompt it belongs to, and its command: another prompt starts unseen
+    std::string detail;
+    size_t length = 0;                              // bytes of the command's display text
+    std::vector<std::pair<size_t, size_t>> seen;    // byte ranges of it shown so far, merged
+    bool whole() const;
+    bool operator==(const CommandSeen&) const = default;
+};
+
 inline constexpr auto kFreezeAfterKey = std::chrono::seconds(6);  // the order holds this long after a key
 inline constexpr auto kPeekShown = std::chrono::seconds(5);
 inline constexpr auto kConfirmationShown = std::chrono::seconds(6);
@@ -81,6 +93,8 @@ struct ViewState {
     bool helpShown = false;
     std::optional<StatusNote> note;  // a peek or a message
     std::map<std::string, Confirmation> confirmations;
+    std::map<std::string, CommandSeen> commandsSeen;  // by row id
+    int commandTop = 0;  // the first line drawn of the opened row's long command
     bool operator==(const ViewState&) const = default;
 };
 
@@ -103,6 +117,12 @@ void expire(ViewState& state, Date now);
 const AgentInstance* selected(const ViewState& state, const std::vector<AgentInstance>& rows);
 // When something shown times out next.
 std::optional<Date> nextDeadline(const ViewState& state);
+// Whether the whole of the command of `rowId`'s approval has been on screen
+// (an approval without a command has nothing more to show).
+bool wholeCommandSeen(const ViewState& state, const std::string& rowId, const ApprovalRequest& request);
+// Records what a drawn frame showed of each approval's command, and forgets
+// commands no longer asked about. True when a command became whole.
+bool noteShown(ViewState& state, const Frame& frame, const std::vector<AgentInstance>& rows);
 
 }  // namespace ViewNav
 
