@@ -54,7 +54,7 @@ ClaudeMonitor::RawScan ClaudeMonitor::collect() {
     RawScan raw;
     raw.now = now();
     if (deps_.hooks) raw.hooks = deps_.hooks(raw.now);
-    ScanContext context{raw.now, nullptr};
+    ScanContext context{raw.now, nullptr, &raw.hooks};
     if (deps_.discover) context.processes = std::make_shared<const ProcessDiscovery::Pass>(deps_.discover());
     for (auto& source : deps_.sources) {
         auto found = source->observe(context);

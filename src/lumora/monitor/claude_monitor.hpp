@@ -10,6 +10,7 @@
 
 #include "lumora/base/run_loop.hpp"
 #include "lumora/base/serial_queue.hpp"
+#include "lumora/hooks/cursor_notes.hpp"
 #include "lumora/monitor/peek_event.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/session_derivation.hpp"
@@ -17,10 +18,16 @@
 
 namespace lumora {
 
+struct HookSnapshot;
+
 // What every source of one scan shares: the time and the one process-table pass.
 struct ScanContext {
     Date now{};
     std::shared_ptr<const ProcessDiscovery::Pass> processes;  // absent without discovery
+    // What the hook bridge knows (absent without one). A source whose agent
+    // reports through notes rather than markers (Cursor) turns its notes into
+    // its sessions' signals here.
+    HookSnapshot* hooks = nullptr;
 };
 
 // One provider's way of finding its sessions: its process finder and its
@@ -36,6 +43,15 @@ public:
 struct HookSnapshot {
     std::map<std::pair<HarnessProvider, std::string>, HookSignals> signals;
     HookSignals lookup(HarnessProvider provider, const std::string& sessionId) const;
+
+    // Cursor's hook notes by conversation id, as the bridge keeps them.
+    struct CursorNotes {
+        std::map<std::string, CursorPending> pending;
+        std::map<std::string, CursorActivity> activity;
+        std::map<std::string, std::string> models;
+        bool operator==(const CursorNotes&) const = default;
+    };
+    CursorNotes cursor;
 };
 
 // The session monitor. Despite its name it watches every agent (Claude

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "lumora/monitor/cursor_status_rules.hpp"
+
 namespace lumora::SessionDerivation {
 
 namespace {
@@ -123,7 +125,9 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     // 3. The transcript heuristics.
     if (!status) {
         StatusRules::TranscriptFacts facts{info.inProgress, info.pendingApproval, info.endsWithQuestion, age};
-        status = StatusRules::initialStatus(facts, settings.idleTimeoutMinutes);
+        status = obs.provider == HarnessProvider::cursor
+                     ? CursorStatusRules::initialStatus(facts, settings.idleTimeoutMinutes)
+                     : StatusRules::initialStatus(facts, settings.idleTimeoutMinutes);
     }
 
     // 4. An idle prompt while the session seems to work means a question the transcript cannot see.
