@@ -1,7 +1,5 @@
 #include "lumora/monitor/cursor_session_source.hpp"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <set>
 
@@ -56,9 +54,8 @@ bool CursorSessionSource::commandAppearsRunning(const std::string& command, cons
     while (!want.empty() && want.back() == ' ') want.remove_suffix(1);
     if (want.size() > 120) want = want.substr(0, 120);
     if (want.size() < 2) return false;
-    int32_t self = static_cast<int32_t>(::getpid());
     for (const auto& p : snapshot.processes()) {
-        if (p.pid == self || AgentProcessFinder::provider(p)) continue;
+        if (AgentProcessFinder::provider(p)) continue;  // an agent's own arguments may quote it
         std::string line = p.command;
         for (const auto& a : p.arguments) line += " " + a;
         if (line.find(want) != std::string::npos) return true;
