@@ -435,7 +435,10 @@ std::vector<fs::path> recentRollouts(const fs::path& root, std::chrono::seconds 
 // --- One rollout --------------------------------------------------------------------
 
 std::optional<Header> header(const fs::path& file) {
-    auto entries = JournalTail::head(file, kHeadBytes, kHeadLines, kFirstLineMax);
+    // The head up to the first prompt: what comes after it is the tail's.
+    auto entries = JournalTail::head(file, kHeadBytes, kHeadLines, kFirstLineMax, [](const Entries& read) {
+        return read.size() == 1 ? read.front().type() != "session_meta" : userPromptText(read.back()).has_value();
+    });
     if (entries.empty() || entries.front().type() != "session_meta") return std::nullopt;
     auto p = payload(entries.front());
     if (!p) return std::nullopt;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
 namespace scrivet::JournalTail {
@@ -105,7 +106,8 @@ TailReader::Window read(const fs::path& file, const Options& options) {
     return result;
 }
 
-std::vector<JournalEntry> head(const fs::path& file, size_t maxBytes, size_t lineLimit, size_t firstLineMax) {
+std::vector<JournalEntry> head(const fs::path& file, size_t maxBytes, size_t lineLimit, size_t firstLineMax,
+                               const std::function<bool(const std::vector<JournalEntry>&)>& enough) {
     uint64_t size = 0;
     int fd = openRegular(file, &size);
     if (fd < 0) return {};
@@ -126,8 +128,28 @@ std::vector<JournalEntry> head(const fs::path& file, size_t maxBytes, size_t lin
         if (nl == std::string::npos) return {};
         bytes.resize(nl + 1);
     }
-    auto entries = TailReader::parseWindow(bytes, 0, static_cast<size_t>(-1)).entries;
-    if (entries.size() > lineLimit) entries.erase(entries.begin() + static_cast<long>(lineLimit), entries.end());
+    // Line by line from the start, so a read that has enough stops there.
+    TailReader::repairUtf8(bytes);
+    bytes.reserve(bytes.size() + simdjson::SIMDJSON_PADDING);
+    std::vector<JournalEntry> entries;
+    simdjson::dom::parser parser;
+    size_t pos = 0;
+    while (pos < bytes.size() && entries.size() < lineLimit) {
+        size_t nl = bytes.find('\n', pos);
+        size_t b = pos, e = nl == std::string::npos ? bytes.size() : nl;
+        pos = e + 1;
+        while (b < e && (bytes[b] == ' ' || bytes[b] == '\t' || bytes[b] == '\r')) ++b;
+        while (e > b && (bytes[e - 1] == ' ' || bytes[e - 1] == '\t' || bytes[e - 1] == '\r')) --e;
+        if (b == e || bytes[b] != '{') continue;
+        // The rest of the buffer and its reserved padding follow the line.
+        auto doc = std::make_unique<simdjson::dom::document>();
+        simdjson::dom::element root;
+        if (parser.parse_into_document(*doc, reinterpret_cast<const uint8_t*>(bytes.data() + b), e - b, false).get(root) ||
+            !root.is_object())
+            continue;
+        entries.emplace_back(std::move(doc), b);
+        if (enough && enough(entries)) break;
+    }
     return entries;
 }
 

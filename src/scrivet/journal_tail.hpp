@@ -49,7 +49,9 @@ TailReader::Window read(const fs::path& file, const Options& options);
 // at most `lineLimit` of them; a line cut by `maxBytes` is left out. The first
 // line is read whole up to `firstLineMax` even when it is longer than
 // `maxBytes` (Codex's first line carries the whole system prompt).
+// `enough`, when given, is asked after each entry and ends the read early.
 std::vector<JournalEntry> head(const fs::path& file, size_t maxBytes, size_t lineLimit,
-                               size_t firstLineMax = 1024 * 1024);
+                               size_t firstLineMax = 1024 * 1024,
+                               const std::function<bool(const std::vector<JournalEntry>&)>& enough = {});
 
 }  // namespace scrivet::JournalTail
