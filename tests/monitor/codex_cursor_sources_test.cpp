@@ -256,15 +256,17 @@ TEST(CodexCursorSessions, ScanJsonCarriesTheirRows) {
 
     auto result = runCommand(lumoraBinary().string() + " --scan --json");
     ASSERT_EQ(result.status, 0) << result.output;
+    // The scan sees the whole machine (other tests' agents too): pick ours by id.
     auto rows = Json::parse(result.output);
     std::map<std::string, Json> byProvider;
-    for (const auto& r : rows) byProvider[r["provider"]] = r;
+    for (const auto& r : rows)
+        if (r["id"] == kThread || r["id"] == kConversation) byProvider[r["provider"]] = r;
     ASSERT_TRUE(byProvider.count("codex")) << result.output;
     ASSERT_TRUE(byProvider.count("cursor")) << result.output;
-    EXPECT_EQ(byProvider["codex"]["id"], kThread);
+    EXPECT_EQ(byProvider["codex"]["pid"], codex.pid());
     EXPECT_EQ(byProvider["codex"]["model"], "GPT-5.5-Codex");
     EXPECT_EQ(byProvider["codex"]["status"], "waiting");
-    EXPECT_EQ(byProvider["cursor"]["id"], kConversation);
+    EXPECT_EQ(byProvider["cursor"]["pid"], cursor.pid());
     EXPECT_EQ(byProvider["cursor"]["summary"], "Hello.");
     // The same fields as every other row.
     for (const auto& provider : {"codex", "cursor"}) {

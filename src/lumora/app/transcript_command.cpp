@@ -103,8 +103,9 @@ int printCodex(const fs::path& file, std::ostream& out, std::ostream& err) {
     printInfo(session->info, out);
     out << "prompt: " << optional(session->prompt) << "\n";
     out << "totalUsageTokens: " << optional(session->totalUsageTokens) << "\n";
-    if (!session->rateLimits) out << "rateLimits: -\n";
-    if (session->rateLimits) {
+    if (!session->rateLimits) {
+        out << "rateLimits: -\n";
+    } else {
         for (const auto& w : session->rateLimits->windows) {
             char percent[32];
             std::snprintf(percent, sizeof percent, "%.1f%%", w.percentUsed);
