@@ -2,6 +2,8 @@
 
 #include "lumora/app/approval_decision.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
+#include "lumora/monitor/codex_session_source.hpp"
+#include "lumora/monitor/cursor_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
@@ -55,6 +57,8 @@ HookSnapshot LumoraApp::hookSnapshot(const HookBridgeSnapshot& bridge) {
     for (const auto& [sessionId, since] : bridge.claudeBusy) {
         snap.signals[{HarnessProvider::claudeCode, sessionId}].busySince = since;
     }
+    // Cursor reports through notes, which its session source reads.
+    snap.cursor = {bridge.cursorPending, bridge.cursorActivity, bridge.cursorModels};
     return snap;
 }
 
@@ -71,6 +75,12 @@ LumoraApp::LumoraApp()
         SDKHostMemory::shared(), [discovery](const std::string& appId, const ProcessSnapshot& snapshot) {
             return discovery->hosts().isApplicationRunning(appId, snapshot);
         }));
+    deps.sources.push_back(std::make_unique<CodexSessionSource>(CodexSessionSource::Options{
+        Paths::codexHome() / "sessions", std::chrono::minutes(30), [discovery](const ProcessSnapshot& snapshot) {
+            return CodexSessionSource::desktopHostRunning(snapshot, discovery->hosts());
+        }}));
+    deps.sources.push_back(std::make_unique<CursorSessionSource>(
+        CursorSessionSource::Options{Paths::cursorHome() / "projects", std::chrono::minutes(30)}));
     HookBridge* bridge = bridge_.get();
     deps.hooks = [bridge](Date now) { return hookSnapshot(bridge->snapshot(now)); };
     deps.lowPowerMode = [] { return PowerState::lowPowerMode(); };

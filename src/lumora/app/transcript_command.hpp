@@ -3,8 +3,10 @@
 #include <filesystem>
 #include <iosfwd>
 
-// `lumora --transcript FILE`: the facts the Claude reader draws from one
-// journal, as plain "field: value" lines, for diagnosing a real journal.
+// `lumora --transcript FILE`: the facts a reader draws from one journal (a
+// Claude Code journal, a Codex rollout or a Cursor transcript, told by their
+// first lines), as plain "field: value" lines under the same names for every
+// agent, for diagnosing a real journal. A rollout adds its rate-limit windows.
 namespace lumora::TranscriptCommand {
 
 // Prints the journal's TranscriptInfo and its running subagents to `out`.

@@ -56,9 +56,23 @@ bool isToolCommand(const std::vector<std::string>& args) {
     return std::find(commands.begin(), commands.end(), args[0]) != commands.end();
 }
 
+// Codex's subcommands that are not a session of their own. The shared
+// `codex app-server` daemon outlives the terminal UI that started it; the
+// UI's process is the session.
+bool isCodexToolCommand(const std::vector<std::string>& args) {
+    if (args.empty()) return false;
+    static constexpr std::array<std::string_view, 12> commands = {
+        "app-server", "mcp", "apply", "a", "sandbox", "debug", "features", "cloud", "responses-api-proxy",
+        "stdio-to-uds", "generate-ts", "help"};
+    return std::find(commands.begin(), commands.end(), args[0]) != commands.end();
+}
+
 std::optional<HarnessProvider> otherProvider(const Program& p) {
     std::string_view n = p.name;
     if (n == "codex" || n == "codex.js" || contains(p.path, "@openai/codex/bin/")) return HarnessProvider::codex;
+    // The npm package's launcher runs a native binary it vendors
+    // (…/@openai/codex…/vendor/<target>/codex/codex-<target>).
+    if (n.starts_with("codex-") && contains(p.path, "@openai/codex")) return HarnessProvider::codex;
     if (n == "cursor-agent" || (p.viaInterpreter && contains(p.path, "/cursor-agent/")))
         return HarnessProvider::cursor;
     if (n == "kimi" || n == "kimi-cli" || n == "kimi_cli") return HarnessProvider::kimi;
@@ -116,6 +130,7 @@ std::optional<HarnessProvider> provider(const ProcessInfo& process) {
     }
     auto other = otherProvider(p);
     if (!other || isToolCommand(p.arguments)) return std::nullopt;
+    if (*other == HarnessProvider::codex && isCodexToolCommand(p.arguments)) return std::nullopt;
     return other;
 }
 

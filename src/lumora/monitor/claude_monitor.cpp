@@ -64,7 +64,7 @@ ClaudeMonitor::RawScan ClaudeMonitor::collect() {
     // The power state is a file read on Linux: read here, off the main thread,
     // and followed on every tick.
     raw.lowPower = deps_.lowPowerMode && deps_.lowPowerMode();
-    ScanContext context{raw.now, nullptr};
+    ScanContext context{raw.now, nullptr, &raw.hooks};
     if (deps_.discover) context.processes = std::make_shared<const ProcessDiscovery::Pass>(deps_.discover());
     for (auto& source : deps_.sources) {
         auto found = source->observe(context);

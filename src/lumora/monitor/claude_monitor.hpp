@@ -10,6 +10,7 @@
 
 #include "lumora/base/run_loop.hpp"
 #include "lumora/base/serial_queue.hpp"
+#include "lumora/hooks/cursor_notes.hpp"
 #include "lumora/monitor/peek_event.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/session_derivation.hpp"
@@ -17,10 +18,16 @@
 
 namespace lumora {
 
+struct HookSnapshot;
+
 // What every source of one scan shares: the time and the one process-table pass.
 struct ScanContext {
     Date now{};
     std::shared_ptr<const ProcessDiscovery::Pass> processes;  // absent without discovery
+    // What the hook bridge knows (absent without one). A source whose agent
+    // reports through notes rather than markers (Cursor) turns its notes into
+    // its sessions' signals here.
+    HookSnapshot* hooks = nullptr;
 };
 
 // One provider's way of finding its sessions: its process finder and its

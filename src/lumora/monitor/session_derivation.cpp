@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include "lumora/monitor/cursor_status_rules.hpp"
+
 namespace lumora {
 
 std::optional<Date> HookSignals::latest() const {
@@ -208,7 +210,9 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     if (!status) {
         StatusRules::TranscriptFacts facts{inProgress, inProgress ? info.pendingApproval : std::nullopt,
                                            info.endsWithQuestion, age, quiet};
-        status = StatusRules::initialStatus(facts, settings.idleTimeoutMinutes);
+        status = obs.provider == HarnessProvider::cursor
+                     ? CursorStatusRules::initialStatus(facts, settings.idleTimeoutMinutes)
+                     : StatusRules::initialStatus(facts, settings.idleTimeoutMinutes);
     }
 
     // 4. An idle prompt while the session seems to work means a question the transcript cannot see.

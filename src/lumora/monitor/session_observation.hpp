@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "lumora/hooks/cursor_notes.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 #include "scrivet/transcript_records.hpp"
 
@@ -75,6 +76,15 @@ struct HookSignals {
 struct HookSnapshot {
     std::map<std::pair<HarnessProvider, std::string>, HookSignals> signals;
     HookSignals lookup(HarnessProvider provider, const std::string& sessionId) const;
+
+    // Cursor's hook notes by conversation id, as the bridge keeps them.
+    struct CursorNotes {
+        std::map<std::string, CursorPending> pending;
+        std::map<std::string, CursorActivity> activity;
+        std::map<std::string, std::string> models;
+        bool operator==(const CursorNotes&) const = default;
+    };
+    CursorNotes cursor;
 };
 
 }  // namespace lumora
