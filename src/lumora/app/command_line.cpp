@@ -49,7 +49,7 @@ int run(int argc, char** argv) {
     app.add_flag("--json", json, "With --scan: print the sessions as JSON")->needs("--scan");
     app.add_flag("--no-ui", noUI, "Run the monitor and the hook bridge without a screen, printing status changes");
     std::string transcript;
-    app.add_option("--transcript", transcript, "Print what the Claude reader draws from one journal FILE")
+    app.add_option("--transcript", transcript, "Print what the reader draws from one journal FILE (Claude Code, or a Kimi wire.jsonl)")
         ->option_text("FILE");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);

@@ -2,9 +2,13 @@
 
 #include "lumora/app/approval_decision.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
+#include "lumora/monitor/kimi_session_source.hpp"
+#include "lumora/monitor/opencode_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
+#include "scrivet/kimi_transcript_reader.hpp"
+#include "scrivet/opencode_transcript_reader.hpp"
 
 #include <cstdlib>
 
@@ -72,6 +76,11 @@ LumoraApp::LumoraApp()
         SDKHostMemory::shared(), [discovery](const std::string& appId, const ProcessSnapshot& snapshot) {
             return discovery->hosts().isApplicationRunning(appId, snapshot);
         }));
+    deps.sources.push_back(std::make_unique<KimiSessionSource>(KimiSessionSource::Paths{
+        scrivet::KimiTranscriptReader::sessionsRoot(Paths::kimiHome()), Paths::kimiHome() / "config.toml"}));
+    deps.sources.push_back(std::make_unique<OpenCodeSessionSource>(OpenCodeSessionSource::Paths{
+        scrivet::OpenCodeTranscriptReader::databaseURL(Paths::openCodeData()),
+        scrivet::OpenCodeTranscriptReader::modelsCatalogURL(Paths::openCodeCache())}));
     HookBridge* bridge = bridge_.get();
     deps.hooks = [bridge](Date now) { return hookSnapshot(*bridge, now); };
     deps.lowPowerMode = [] { return PowerState::lowPowerMode(); };

@@ -156,6 +156,7 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     }
 
     a.status = *status;
+    if (!a.question && obs.question && a.status == AgentStatus::attention) a.question = obs.question;
     memo.cpu = obs.cpu;
     memo.pid = obs.pid;
     return a;
