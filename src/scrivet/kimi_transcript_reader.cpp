@@ -21,7 +21,6 @@ namespace CTR = ClaudeTranscriptReader;
 
 constexpr uint64_t kFirstWindow = 64 * 1024;
 constexpr uint64_t kMaxWindow = 4 * 1024 * 1024;
-constexpr size_t kTailLines = 5000;
 constexpr size_t kActivityLines = 8;
 constexpr size_t kActivityChars = 100;
 constexpr size_t kSummaryChars = 120;
@@ -37,7 +36,22 @@ std::string_view trimmed(std::string_view s) {
     return s;
 }
 
-std::string oneLine(std::string_view text, size_t maxChars) { return truncateText(collapseWhitespace(text), maxChars); }
+// One line of at most `maxChars` characters. Only as much of the text as
+// that needs is looked at, so a long tool output costs no more than a short one.
+std::string oneLine(std::string_view text, size_t maxChars) {
+    auto longerThan = [](std::string_view s, size_t n) {
+        size_t chars = 0;
+        for (char c : s) {
+            if ((static_cast<unsigned char>(c) & 0xC0) != 0x80 && ++chars > n) return true;
+        }
+        return false;
+    };
+    for (size_t take = maxChars + 16;; take *= 4) {
+        bool cut = text.size() > take;
+        auto line = collapseWhitespace(cut ? text.substr(0, take) : text);
+        if (!cut || longerThan(line, maxChars)) return truncateText(line, maxChars);
+    }
+}
 
 // A parse kept until its file changes. One lock per cache, never nested.
 template <typename T>
@@ -68,19 +82,19 @@ private:
 };
 
 // A key of a line, at its top level or inside its "payload" object.
-std::optional<element> key(const JournalEntry& e, std::string_view name) {
-    if (auto f = e.field(name)) return f;
-    if (auto payload = e.field("payload")) return json::field(*payload, name);
+std::optional<element> key(element e, std::string_view name) {
+    if (auto f = json::field(e, name)) return f;
+    if (auto payload = json::field(e, "payload")) return json::field(*payload, name);
     return std::nullopt;
 }
 
-std::optional<std::string_view> text(const JournalEntry& e, std::string_view name) {
+std::optional<std::string_view> text(element e, std::string_view name) {
     auto f = key(e, name);
     return f ? json::string(*f) : std::nullopt;
 }
 
 // The prompt's text: its "text" parts joined, or a bare string.
-std::string promptText(const JournalEntry& e) {
+std::string promptText(element e) {
     auto input = key(e, "input");
     if (!input) return {};
     if (auto s = json::string(*input)) return std::string(*s);
@@ -104,7 +118,7 @@ struct Args {
     std::optional<element> value;
 };
 
-void readArgs(const JournalEntry& e, Args& args) {
+void readArgs(element e, Args& args) {
     auto a = key(e, "args");
     if (!a) a = key(e, "arguments");
     if (!a) return;
@@ -167,7 +181,7 @@ struct ResultFacts {
     std::string text;
 };
 
-ResultFacts resultFacts(const JournalEntry& e) {
+ResultFacts resultFacts(element e) {
     ResultFacts r;
     auto result = key(e, "result");
     if (!result) return r;
@@ -190,7 +204,40 @@ ResultFacts resultFacts(const JournalEntry& e) {
     return r;
 }
 
-WireStatus statusOf(const std::vector<JournalEntry>& entries) {
+// Calls `f` with each line of `text` that is a JSON object, in order, through
+// one parser and one padded copy: no line is kept beyond its call. Returns
+// how many lines parsed. Invalid UTF-8 (a window may cut a character) is
+// repaired first rather than failing its line.
+template <typename F>
+size_t forEachObject(std::string_view text, F&& f) {
+    std::string buffer(text);
+    TailReader::repairUtf8(buffer);
+    size_t size = buffer.size();
+    buffer.resize(size + simdjson::SIMDJSON_PADDING, '\0');
+    simdjson::dom::parser parser;
+    size_t parsed = 0;
+    for (size_t pos = 0; pos < size;) {
+        size_t nl = buffer.find('\n', pos);
+        size_t end = nl == std::string::npos || nl > size ? size : nl;
+        size_t b = pos, e = end;
+        pos = end + 1;
+        while (b < e && std::isspace(static_cast<unsigned char>(buffer[b]))) ++b;
+        while (e > b && std::isspace(static_cast<unsigned char>(buffer[e - 1]))) --e;
+        if (b == e || buffer[b] != '{') continue;
+        // The bytes after a line are the following lines and the padding.
+        element root;
+        if (parser.parse(reinterpret_cast<const uint8_t*>(buffer.data() + b), e - b, false).get(root) ||
+            !root.is_object())
+            continue;
+        ++parsed;
+        f(root);
+    }
+    return parsed;
+}
+
+// Folds the lines of a wire journal, oldest first, into its status; sets
+// `parsed` to how many lines were JSON objects.
+WireStatus statusOf(std::string_view journal, size_t* parsed = nullptr) {
     using Kind = ActivityLine::Kind;
     WireStatus w;
     bool turnOpen = false, settledOnce = false;
@@ -211,8 +258,8 @@ WireStatus statusOf(const std::vector<JournalEntry>& entries) {
         turnOpen = true;
         w.interrupted = false;
     };
-    for (const auto& e : entries) {
-        auto type = e.type();
+    size_t count = forEachObject(journal, [&](element e) {
+        auto type = json::string(e, "type").value_or("");
         if (type == "turn.prompt") {
             w.hasRealTurn = true;
             ++prompts;
@@ -232,11 +279,11 @@ WireStatus statusOf(const std::vector<JournalEntry>& entries) {
         } else if (type == "content.part") {
             beginTurn();
             auto part = key(e, "part");
-            if (!part) continue;
+            if (!part) return;
             auto partType = json::string(*part, "type").value_or("");
             if (partType == "text") {
                 auto t = json::string(*part, "text").value_or("");
-                if (trimmed(t).empty()) continue;
+                if (trimmed(t).empty()) return;
                 lastText = std::string(t);
                 assistantSeen = true;
                 add(Kind::reply, oneLine(t, kActivityChars));
@@ -275,7 +322,7 @@ WireStatus statusOf(const std::vector<JournalEntry>& entries) {
             auto reason = text(e, "finishReason").value_or("");
             if (reason == "tool_use" || reason == "tool_calls") {
                 beginTurn();
-                continue;
+                return;
             }
             // "end_turn" settles the turn; any other ending (a cancel, an
             // error, a length stop) settles it too, as an interruption.
@@ -291,11 +338,12 @@ WireStatus statusOf(const std::vector<JournalEntry>& entries) {
             // context at that step; a turn's sums its steps.
             auto usage = key(e, "usage");
             auto tokens = usage ? usageTokens(*usage) : std::nullopt;
-            if (!tokens) continue;
+            if (!tokens) return;
             if (text(e, "usageScope").value_or("") == "turn") turnTokens = tokens;
             else stepTokens = tokens;
         }
-    }
+    });
+    if (parsed) *parsed = count;
     w.inProgress = turnOpen;
     w.endsWithQuestion = !turnOpen && settledOnce && !w.interrupted && CTR::textEndsWithQuestion(lastText);
     if (!turnOpen) w.question.reset();
@@ -341,12 +389,13 @@ std::optional<WireStatus> readWire(const fs::path& wire, std::string& why) {
         if (!tail) return std::nullopt;
         auto lines = wholeLines(tail->bytes, tail->startsLine);
         if (mentionsTurn(lines) || tail->start == 0 || window >= kMaxWindow) {
-            auto entries = TailReader::parseWindow(lines, 0, kTailLines).entries;
-            if (entries.empty()) {
+            size_t parsed = 0;
+            auto status = statusOf(lines, &parsed);
+            if (parsed == 0) {
                 why = tail->fileSize == 0 ? "empty wire journal" : "no readable line in the wire journal's tail";
                 return std::nullopt;
             }
-            return statusOf(entries);
+            return status;
         }
     }
 }
@@ -361,8 +410,8 @@ StampCache<WireRead>& wireCache() {
     return cache;
 }
 
-WireRead wireFacts(const fs::path& wire) {
-    return wireCache().get(wire, stamp(wire), [&] {
+WireRead wireFacts(const fs::path& wire, const std::optional<FileStamp>& wireStamp) {
+    return wireCache().get(wire, wireStamp, [&] {
         WireRead r;
         r.status = readWire(wire, r.why);
         return r;
@@ -418,9 +467,32 @@ std::optional<std::string> headPrompt(const fs::path& wire) {
     return prompt;
 }
 
+// A session's working directory never changes, so it is read once.
+std::optional<std::string> workDirOf(const fs::path& statePath, std::string& why) {
+    static std::mutex lock;
+    static std::unordered_map<std::string, std::string> known;
+    {
+        std::lock_guard guard(lock);
+        if (auto it = known.find(statePath.string()); it != known.end()) return it->second;
+    }
+    auto state = stateFacts(statePath);
+    if (!state.state || !state.state->workDir || state.state->workDir->empty()) {
+        why = state.why;
+        return std::nullopt;
+    }
+    std::lock_guard guard(lock);
+    if (known.size() > 8192) known.clear();
+    known[statePath.string()] = *state.state->workDir;
+    return state.state->workDir;
+}
+
 StampCache<Config>& configCache() {
     static StampCache<Config> cache;
     return cache;
+}
+
+Date stampDate(const FileStamp& s) {
+    return Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(s.mtimeNanos));
 }
 
 std::optional<Date> newer(std::optional<Date> a, std::optional<Date> b) {
@@ -557,15 +629,16 @@ std::optional<State> parseState(std::string_view text) {
     return s;
 }
 
-WireStatus wireStatus(std::string_view tail) { return statusOf(TailReader::parseWindow(tail, 0, kTailLines).entries); }
+WireStatus wireStatus(std::string_view tail) { return statusOf(tail); }
 
 std::optional<std::string> firstPrompt(std::string_view lines) {
-    for (const auto& e : TailReader::parseWindow(lines, 0, kTailLines).entries) {
-        if (e.type() != "turn.prompt") continue;
+    std::optional<std::string> found;
+    forEachObject(lines, [&](element e) {
+        if (found || json::string(e, "type").value_or("") != "turn.prompt") return;
         auto prompt = promptText(e);
-        if (!trimmed(prompt).empty()) return prompt;
-    }
-    return std::nullopt;
+        if (!trimmed(prompt).empty()) found = std::move(prompt);
+    });
+    return found;
 }
 
 bool isSessionId(std::string_view name) {
@@ -592,11 +665,21 @@ int pendingBackgroundTaskCount(const std::vector<std::string>& sidecars) {
     return count;
 }
 
-BackgroundTasks backgroundTasks(const fs::path& sessionDir, Date now) {
-    BackgroundTasks out;
+namespace {
+
+// The session's other agents and background tasks, from one listing of its
+// "agents" folder.
+struct AgentsFolder {
+    std::vector<SubagentInfo> subagents;
+    BackgroundTasks background;
+};
+
+AgentsFolder agentsFolder(const fs::path& sessionDir, Date now, const Config& config, bool wantSubagents) {
+    AgentsFolder out;
     std::vector<std::string> sidecars;
     std::error_code ec;
     for (fs::directory_iterator agents(sessionDir / "agents", ec), end; !ec && agents != end; agents.increment(ec)) {
+        auto name = agents->path().filename().string();
         std::error_code inner;
         for (fs::directory_iterator task(agents->path() / "tasks", inner), stop; !inner && task != stop;
              task.increment(inner)) {
@@ -605,53 +688,70 @@ BackgroundTasks backgroundTasks(const fs::path& sessionDir, Date now) {
             auto read = RegularFile::read(path, kSmallFileLimit);
             if (!read.text) continue;
             sidecars.push_back(std::move(*read.text));
-            out.newestActivity = newer(out.newestActivity, modificationDate(path));
+            out.background.newestActivity = newer(out.background.newestActivity, modificationDate(path));
             auto log = path.parent_path() / path.stem() / "output.log";
-            out.newestActivity = newer(out.newestActivity, modificationDate(log));
+            out.background.newestActivity = newer(out.background.newestActivity, modificationDate(log));
         }
+        if (!wantSubagents || name == "main") continue;
+        auto wire = agents->path() / "wire.jsonl";
+        auto wireStamp = stamp(wire);
+        if (!wireStamp || now - stampDate(*wireStamp) > kLiveAgentWindow) continue;
+        auto facts = wireFacts(wire, wireStamp);
+        if (!facts.status || !facts.status->inProgress) continue;
+        SubagentInfo sub;
+        sub.id = name;
+        sub.type = "agent";
+        sub.task = oneLine(headPrompt(wire).value_or(""), kActivityChars);
+        if (facts.status->model) sub.model = displayName(*facts.status->model, config);
+        if (!facts.status->recentActivity.empty()) sub.action = facts.status->recentActivity.back().text;
+        sub.isRunning = true;
+        sub.tokens = facts.status->contextTokens;
+        out.subagents.push_back(std::move(sub));
     }
-    out.running = pendingBackgroundTaskCount(sidecars);
-    (void)now;
+    out.background.running = pendingBackgroundTaskCount(sidecars);
+    std::sort(out.subagents.begin(), out.subagents.end(),
+              [](const SubagentInfo& a, const SubagentInfo& b) { return a.id < b.id; });
     return out;
 }
 
-std::vector<SubagentInfo> runningSubagents(const fs::path& sessionDir, Date now, const Config& config) {
-    std::vector<SubagentInfo> out;
-    std::error_code ec;
-    for (fs::directory_iterator agents(sessionDir / "agents", ec), end; !ec && agents != end; agents.increment(ec)) {
-        auto name = agents->path().filename().string();
-        if (name == "main") continue;
-        auto wire = agents->path() / "wire.jsonl";
-        auto mtime = modificationDate(wire);
-        if (!mtime || now - *mtime > kLiveAgentWindow) continue;
-        auto facts = wireFacts(wire);
-        if (!facts.status || !facts.status->inProgress) continue;
-        SubagentInfo s;
-        s.id = name;
-        s.type = "agent";
-        s.task = oneLine(headPrompt(wire).value_or(""), kActivityChars);
-        if (facts.status->model) s.model = displayName(*facts.status->model, config);
-        if (!facts.status->recentActivity.empty()) s.action = facts.status->recentActivity.back().text;
-        s.isRunning = true;
-        s.tokens = facts.status->contextTokens;
-        out.push_back(std::move(s));
+// When a journal was made never changes: asked once per file.
+std::optional<Date> madeAt(const fs::path& file) {
+    static std::mutex lock;
+    static std::unordered_map<std::string, Date> known;
+    {
+        std::lock_guard guard(lock);
+        if (auto it = known.find(file.string()); it != known.end()) return it->second;
     }
-    std::sort(out.begin(), out.end(), [](const SubagentInfo& a, const SubagentInfo& b) { return a.id < b.id; });
-    return out;
+    auto made = creationDate(file);
+    if (made) {
+        std::lock_guard guard(lock);
+        if (known.size() > 8192) known.clear();
+        known[file.string()] = *made;
+    }
+    return made;
+}
+
+}  // namespace
+
+BackgroundTasks backgroundTasks(const fs::path& sessionDir, Date now) {
+    return agentsFolder(sessionDir, now, {}, false).background;
+}
+
+std::vector<SubagentInfo> runningSubagents(const fs::path& sessionDir, Date now, const Config& config) {
+    return agentsFolder(sessionDir, now, config, true).subagents;
 }
 
 namespace {
 
 std::optional<KimiSession> build(const std::string& sessionId, const fs::path& sessionDir, const fs::path& wire,
-                                 const std::optional<State>& state, std::optional<Date> wireModified, Date now,
-                                 const fs::path& configFile, const Note& note) {
-    auto facts = wireFacts(wire);
+                                 const std::optional<State>& state, const std::optional<FileStamp>& wireStamp,
+                                 Date now, const Config& cfg, const Note& note) {
+    auto facts = wireFacts(wire, wireStamp);
     if (!facts.status) {
         if (note) note(wire.string() + ": " + facts.why);
         return std::nullopt;
     }
     const WireStatus& w = *facts.status;
-    Config cfg = config(configFile);
     KimiSession s;
     s.sessionId = sessionId;
     s.sessionDir = sessionDir;
@@ -666,7 +766,7 @@ std::optional<KimiSession> build(const std::string& sessionId, const fs::path& s
     s.question = w.question;
 
     TranscriptInfo& info = s.info;
-    info.lastModified = wireModified ? *wireModified : modificationDate(wire).value_or(now);
+    info.lastModified = wireStamp ? stampDate(*wireStamp) : now;
     info.summary = w.summary;
     info.sessionId = sessionId;
     info.model = s.model;
@@ -679,8 +779,9 @@ std::optional<KimiSession> build(const std::string& sessionId, const fs::path& s
     info.recentActivity = w.recentActivity;
     info.hasRealTurn = w.hasRealTurn;
     if (!sessionDir.empty()) {
-        info.subagents = runningSubagents(sessionDir, now, cfg);
-        auto background = backgroundTasks(sessionDir, now);
+        auto folder = agentsFolder(sessionDir, now, cfg, true);
+        info.subagents = std::move(folder.subagents);
+        const auto& background = folder.background;
         info.pendingBackgroundAgents = background.running;
         // A running subagent wrote within the last two minutes.
         bool recent = background.newestActivity && now - *background.newestActivity <= kBackgroundActiveWindow;
@@ -688,7 +789,7 @@ std::optional<KimiSession> build(const std::string& sessionId, const fs::path& s
     }
     info.subagentCount = static_cast<int>(info.subagents.size());
     info.lastEntryDate = info.lastModified;
-    info.created = creationDate(wire).value_or(info.lastModified);
+    info.created = madeAt(wire).value_or(info.lastModified);
 
     // The title unless it is still Kimi's default, else the first prompt.
     std::optional<std::string> title;
@@ -701,16 +802,16 @@ std::optional<KimiSession> build(const std::string& sessionId, const fs::path& s
 
 }  // namespace
 
-std::optional<KimiSession> parse(const fs::path& sessionDir, std::optional<Date> wireModified, Date now,
-                                 const fs::path& configFile, const Note& note) {
+std::optional<KimiSession> parse(const fs::path& sessionDir, Date now, const fs::path& configFile, const Note& note) {
     auto statePath = sessionDir / "state.json";
     auto state = stateFacts(statePath);
     if (!state.state || !state.state->workDir || state.state->workDir->empty()) {
         if (note) note(statePath.string() + ": " + state.why);
         return std::nullopt;
     }
-    return build(sessionDir.filename().string(), sessionDir, sessionDir / "agents/main/wire.jsonl", state.state,
-                 wireModified, now, configFile, note);
+    auto wire = sessionDir / "agents/main/wire.jsonl";
+    return build(sessionDir.filename().string(), sessionDir, wire, state.state, stamp(wire), now, config(configFile),
+                 note);
 }
 
 std::optional<KimiSession> parseWire(const fs::path& wireFile, const std::optional<fs::path>& stateFile, Date now,
@@ -722,13 +823,14 @@ std::optional<KimiSession> parseWire(const fs::path& wireFile, const std::option
     auto agentDir = wireFile.parent_path();
     if (agentDir.parent_path().filename() == "agents") sessionDir = agentDir.parent_path().parent_path();
     std::string id = isSessionId(sessionDir.filename().string()) ? sessionDir.filename().string() : std::string();
-    auto session = build(id, sessionDir, wireFile, state, std::nullopt, now, configFile, note);
+    auto session = build(id, sessionDir, wireFile, state, stamp(wireFile), now, config(configFile), note);
     if (session && id.empty()) session->info.sessionId.reset();
     return session;
 }
 
 std::vector<KimiSession> runningSessions(const fs::path& root, const ScanOptions& options) {
     std::vector<KimiSession> out;
+    const Config cfg = config(options.configFile);
     std::error_code ec;
     for (fs::directory_iterator wd(root, ec), end; !ec && wd != end; wd.increment(ec)) {
         std::error_code typeEc;
@@ -737,20 +839,27 @@ std::vector<KimiSession> runningSessions(const fs::path& root, const ScanOptions
         for (fs::directory_iterator dir(wd->path(), inner), stop; !inner && dir != stop; dir.increment(inner)) {
             auto id = dir->path().filename().string();
             if (!isSessionId(id)) continue;
-            auto wire = dir->path() / "agents/main/wire.jsonl";
-            auto mtime = modificationDate(wire);
-            bool kept = options.keepAlive.count(id) > 0;
-            if (!mtime && !kept) continue;
-            if (!kept && options.now - *mtime > options.maxAge) continue;
+            // Where the session runs decides first: most folders belong to
+            // directories without a Kimi process and cost no more than this.
             auto statePath = dir->path() / "state.json";
+            std::string why;
+            auto workDir = workDirOf(statePath, why);
+            if (!workDir) {
+                if (options.note) options.note(statePath.string() + ": " + why);
+                continue;
+            }
+            if (options.cliRunning && !options.cliRunning(*workDir)) continue;
+            auto wire = dir->path() / "agents/main/wire.jsonl";
+            auto wireStamp = stamp(wire);
+            bool kept = options.keepAlive.count(id) > 0;
+            if (!wireStamp && !kept) continue;
+            if (!kept && options.now - stampDate(*wireStamp) > options.maxAge) continue;
             auto state = stateFacts(statePath);
             if (!state.state || !state.state->workDir || state.state->workDir->empty()) {
                 if (options.note) options.note(statePath.string() + ": " + state.why);
                 continue;
             }
-            if (options.cliRunning && !options.cliRunning(*state.state->workDir)) continue;
-            if (auto s = build(id, dir->path(), wire, state.state, mtime, options.now, options.configFile,
-                               options.note))
+            if (auto s = build(id, dir->path(), wire, state.state, wireStamp, options.now, cfg, options.note))
                 out.push_back(std::move(*s));
         }
     }

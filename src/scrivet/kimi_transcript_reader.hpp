@@ -136,9 +136,8 @@ struct ScanOptions {
 std::vector<KimiSession> runningSessions(const fs::path& root, const ScanOptions& options);
 
 // One session folder, or nothing without a readable state and wire journal.
-// `wireModified` saves a second look at the file when the caller already has it.
-std::optional<KimiSession> parse(const fs::path& sessionDir, std::optional<Date> wireModified, Date now,
-                                 const fs::path& configFile = {}, const Note& note = {});
+std::optional<KimiSession> parse(const fs::path& sessionDir, Date now, const fs::path& configFile = {},
+                                 const Note& note = {});
 
 // One wire journal on its own (the command line's --transcript), with the
 // session state from `stateFile` when there is one.

@@ -67,7 +67,22 @@ std::string_view trimmed(std::string_view s) {
     return s;
 }
 
-std::string oneLine(std::string_view text, size_t maxChars) { return truncateText(collapseWhitespace(text), maxChars); }
+// One line of at most `maxChars` characters. Only as much of the text as
+// that needs is looked at, so a long tool output costs no more than a short one.
+std::string oneLine(std::string_view text, size_t maxChars) {
+    auto longerThan = [](std::string_view s, size_t n) {
+        size_t chars = 0;
+        for (char c : s) {
+            if ((static_cast<unsigned char>(c) & 0xC0) != 0x80 && ++chars > n) return true;
+        }
+        return false;
+    };
+    for (size_t take = maxChars + 16;; take *= 4) {
+        bool cut = text.size() > take;
+        auto line = collapseWhitespace(cut ? text.substr(0, take) : text);
+        if (!cut || longerThan(line, maxChars)) return truncateText(line, maxChars);
+    }
+}
 
 // A JSON column's parse; nothing for text that is not a JSON object.
 class Json {
@@ -521,16 +536,21 @@ struct TurnRead {
     std::vector<PartRow> parts;
 };
 
-TurnRead readTurn(ReadOnlyDatabase& db, const std::string& sessionId, size_t activityLimit) {
+// The two statements of a turn, prepared once for all the sessions of a look.
+struct TurnQueries {
+    ReadOnlyDatabase::Statement messages;
+    ReadOnlyDatabase::Statement parts;
+    explicit TurnQueries(ReadOnlyDatabase& db) : messages(db.prepare(kLatestMessages)), parts(db.prepare(kRecentParts)) {}
+};
+
+TurnRead readTurn(TurnQueries& queries, const std::string& sessionId, size_t activityLimit) {
     TurnRead r;
     std::vector<MessageRow> messages;
-    auto q = db.prepare(kLatestMessages);
-    q.bind(1, sessionId);
+    auto& q = queries.messages.reset().bind(1, sessionId);
     while (q.step()) messages.push_back({std::string(q.text(0)), q.integer(1)});
     r.turn = turnFromMessages(messages);
     if (activityLimit == 0) return r;
-    auto p = db.prepare(kRecentParts);
-    p.bind(1, sessionId).bind(2, static_cast<int64_t>(activityLimit * kPartsPerLine));
+    auto& p = queries.parts.reset().bind(1, sessionId).bind(2, static_cast<int64_t>(activityLimit * kPartsPerLine));
     while (p.step()) r.parts.push_back({std::string(p.text(0)), std::string(p.text(1)), p.integer(2)});
     r.turn.activity = activityFromParts(r.parts, activityLimit);
     if (!r.parts.empty()) {
@@ -547,7 +567,8 @@ TurnRead readTurn(ReadOnlyDatabase& db, const std::string& sessionId, size_t act
 }  // namespace
 
 Turn latestTurn(ReadOnlyDatabase& db, const std::string& sessionId, size_t activityLimit) {
-    return readTurn(db, sessionId, activityLimit).turn;
+    TurnQueries queries(db);
+    return readTurn(queries, sessionId, activityLimit).turn;
 }
 
 std::vector<ActivityLine> recentActivity(ReadOnlyDatabase& db, const std::string& sessionId, size_t limit) {
@@ -575,21 +596,24 @@ ScanResult runningSessions(const fs::path& database, const ScanOptions& options)
             listed.insert(rows.back().id);
         }
     }
-    for (const auto& id : options.keepAlive) {
-        if (listed.count(id)) continue;
+    if (!options.keepAlive.empty()) {
         auto q = db.prepare(std::string(kSessionColumns) + std::string(kSessionById));
-        q.bind(1, id);
-        while (q.step()) rows.push_back(sessionRow(q));
+        for (const auto& id : options.keepAlive) {
+            if (listed.count(id)) continue;
+            q.reset().bind(1, id);
+            while (q.step()) rows.push_back(sessionRow(q));
+        }
     }
     std::stable_sort(rows.begin(), rows.end(),
                      [](const SessionRow& a, const SessionRow& b) { return a.timeUpdated > b.timeUpdated; });
+    TurnQueries queries(db);
     auto catalogue = options.catalogue.empty() ? std::make_shared<const ModelCatalogue>()
                                                : cachedCatalogue(options.catalogue);
 
     for (const auto& row : rows) {
         if (row.parentId) continue;  // a child is its parent's subagent
         if (options.cliRunning && !options.cliRunning(row.directory)) continue;
-        auto read = readTurn(db, row.id, options.activityLimit);
+        auto read = readTurn(queries, row.id, options.activityLimit);
         const Turn& turn = read.turn;
         OpenCodeSession s;
         s.sessionId = row.id;
@@ -635,7 +659,7 @@ ScanResult runningSessions(const fs::path& database, const ScanOptions& options)
             if (child.parentId != row.id) continue;
             if (options.now - fromMillis(child.timeUpdated) > kSubagentActiveWindow) continue;
             info.recentSubagentActivity = true;
-            auto childTurn = latestTurn(db, child.id, 1);
+            auto childTurn = readTurn(queries, child.id, 1).turn;
             if (!childTurn.inProgress) continue;
             SubagentInfo sub;
             sub.id = child.id;

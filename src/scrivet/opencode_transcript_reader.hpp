@@ -133,7 +133,7 @@ struct GoUsage {
     bool operator==(const GoUsage&) const = default;
 };
 
-// The plan's charges since `since` (query 5), or nothing when the database
+// The plan's charged messages since `since`, or nothing when the database
 // can't be read (`why` then says why).
 std::optional<std::vector<GoCharge>> goCharges(const fs::path& database, Date since, const std::string& providerID,
                                                std::string* why = nullptr);

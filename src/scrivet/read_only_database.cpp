@@ -97,6 +97,14 @@ ReadOnlyDatabase::Statement::~Statement() {
     if (stmt_) sqlite3_finalize(stmt_);
 }
 
+ReadOnlyDatabase::Statement& ReadOnlyDatabase::Statement::reset() {
+    if (stmt_) {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
+    return *this;
+}
+
 ReadOnlyDatabase::Statement& ReadOnlyDatabase::Statement::bind(int index, int64_t value) {
     if (stmt_) {
         int rc = sqlite3_bind_int64(stmt_, index, value);

@@ -35,6 +35,8 @@ public:
         Statement& operator=(Statement&&) = delete;
         ~Statement();
 
+        // Makes the statement ready to run again with new parameters.
+        Statement& reset();
         Statement& bind(int index, int64_t value);
         Statement& bind(int index, std::string_view value);
         // Advances to the next row; false at the end or on an error (which

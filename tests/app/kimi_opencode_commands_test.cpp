@@ -15,6 +15,7 @@ using namespace lumora::test;
 using namespace std::chrono_literals;
 namespace W = lumora::test::KimiWire;
 namespace Rows = lumora::test::OpenCodeRows;
+using OcSession = lumora::test::OpenCodeDatabase::Session;
 
 namespace {
 
@@ -45,7 +46,7 @@ TEST(KimiOpenCodeCommands, ScanJsonCarriesTheirRows) {
     {
         OpenCodeDatabase db(database);
         int64_t t0 = millisNow(-20s);
-        db.session({.id = "ses_scan", .directory = ocDir.string(), .title = "Release checklist", .timeUpdated = t0});
+        db.session(OcSession("ses_scan", ocDir.string()).titled("Release checklist").updatedAt(t0));
         db.message("m1", "ses_scan", t0, Rows::user("ses_scan", t0));
         db.message("m2", "ses_scan", t0 + 5, Rows::assistant("ses_scan", t0 + 5, std::nullopt, 4000, "stop"));
     }

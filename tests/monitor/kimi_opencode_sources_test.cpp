@@ -21,6 +21,7 @@ using namespace lumora::test;
 using namespace std::chrono_literals;
 namespace W = lumora::test::KimiWire;
 namespace Rows = lumora::test::OpenCodeRows;
+using OcSession = lumora::test::OpenCodeDatabase::Session;
 
 namespace {
 
@@ -98,15 +99,18 @@ TEST(KimiOpenCodeSources, RowsOnlyWhileTheAgentRunsInTheSessionsDirectory) {
 
     int64_t t0 = millisNow(-30s);
     OpenCodeDatabase db(m.database);
-    db.session({.id = "ses_root", .directory = ocDir.string(), .timeUpdated = t0 + 100});
+    db.session(OcSession("ses_root", ocDir.string()).updatedAt(t0 + 100));
     db.message("m1", "ses_root", t0, Rows::user("ses_root", t0));
     db.part("p1", "m1", "ses_root", t0 + 1, Rows::text("\"ship the release\""));
     db.message("m2", "ses_root", t0 + 5, Rows::assistant("ses_root", t0 + 5, std::nullopt, 0));
     db.part("p2", "m2", "ses_root", t0 + 6, Rows::tool("task", "running", "Check the changelog"));
-    db.session({.id = "ses_child", .directory = ocDir.string(), .title = "Check the changelog (@general subagent)",
-                .parentId = "ses_root", .agent = "general", .timeUpdated = t0 + 90});
+    db.session(OcSession("ses_child", ocDir.string())
+                   .titled("Check the changelog (@general subagent)")
+                   .childOf("ses_root")
+                   .agentNamed("general")
+                   .updatedAt(t0 + 90));
     db.message("c1", "ses_child", t0 + 10, Rows::user("ses_child", t0 + 10));
-    db.session({.id = "ses_idle", .directory = ocIdle.string(), .timeUpdated = t0 + 200});
+    db.session(OcSession("ses_idle", ocIdle.string()).updatedAt(t0 + 200));
     db.close();
 
     auto kimi = sleeperNamed(m.home / "bin", "kimi");
@@ -162,7 +166,7 @@ TEST(KimiOpenCodeSources, TheDatabaseIsLeftExactlyAsItWas) {
     {
         OpenCodeDatabase db(m.database);
         int64_t t0 = millisNow(-10s);
-        db.session({.id = "ses_done", .directory = dir.string(), .title = "Release notes", .timeUpdated = t0});
+        db.session(OcSession("ses_done", dir.string()).titled("Release notes").updatedAt(t0));
         db.message("m1", "ses_done", t0, Rows::user("ses_done", t0));
         db.message("m2", "ses_done", t0 + 5, Rows::assistant("ses_done", t0 + 5, t0 + 9));
         db.part("p1", "m2", "ses_done", t0 + 6, Rows::text("Notes written."));
@@ -181,5 +185,5 @@ TEST(KimiOpenCodeSources, TheDatabaseIsLeftExactlyAsItWas) {
     std::set<std::string> after;
     for (const auto& e : fs::directory_iterator(folder)) after.insert(e.path().filename().string());
     EXPECT_EQ(after, files);
-    EXPECT_EQ(readFile(m.database), before);
+    EXPECT_TRUE(readFile(m.database) == before);
 }

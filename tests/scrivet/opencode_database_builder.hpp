@@ -69,6 +69,7 @@ public:
         }
     }
 
+    // A session row; the setters chain: Session("ses_1", "/p").titled("x").updatedAt(t).
     struct Session {
         std::string id;
         std::string directory;
@@ -80,6 +81,20 @@ public:
         std::optional<int64_t> timeArchived;
         int64_t tokensInput = 0, tokensOutput = 0, tokensReasoning = 0, tokensCacheRead = 0, tokensCacheWrite = 0;
         double cost = 0;
+
+        Session(std::string id, std::string directory) : id(std::move(id)), directory(std::move(directory)) {}
+        Session& titled(std::string t) { title = std::move(t); return *this; }
+        Session& childOf(std::string parent) { parentId = std::move(parent); return *this; }
+        Session& agentNamed(std::string a) { agent = std::move(a); return *this; }
+        Session& modelJson(std::string m) { model = std::move(m); return *this; }
+        Session& updatedAt(int64_t t) { timeUpdated = t; return *this; }
+        Session& archivedAt(int64_t t) { timeArchived = t; return *this; }
+        Session& tokens(int64_t in, int64_t out, int64_t reasoning = 0, int64_t read = 0, int64_t write = 0) {
+            tokensInput = in, tokensOutput = out, tokensReasoning = reasoning, tokensCacheRead = read,
+            tokensCacheWrite = write;
+            return *this;
+        }
+        Session& costing(double dollars) { cost = dollars; return *this; }
     };
 
     void session(const Session& s) {

@@ -15,18 +15,12 @@ using namespace scrivet::OpenCodeTranscriptReader;
 using namespace std::chrono_literals;
 namespace Rows = lumora::test::OpenCodeRows;
 using Kind = scrivet::ActivityLine::Kind;
+using OcSession = lumora::test::OpenCodeDatabase::Session;
 
 namespace {
 
 const std::string kRoot = "ses_dff4202d1ffeyX70A1FDbPK1ib";
 const std::string kChild = "ses_dff41fcd1ffeJxLUVxsHmsrod1";
-
-// Everything in a folder: names and bytes, to tell that a read changed nothing.
-std::map<std::string, std::string> snapshot(const fs::path& dir) {
-    std::map<std::string, std::string> out;
-    for (const auto& e : fs::directory_iterator(dir)) out[e.path().filename().string()] = readFile(e.path());
-    return out;
-}
 
 std::set<std::string> names(const fs::path& dir) {
     std::set<std::string> out;
@@ -37,8 +31,7 @@ std::set<std::string> names(const fs::path& dir) {
 // A project with one task session: a quoted `opencode run` prompt, a running
 // task tool with its child session, and the bookkeeping parts around them.
 void taskSession(OpenCodeDatabase& db, const std::string& dir, int64_t t0) {
-    db.session({.id = kRoot, .directory = dir, .timeUpdated = t0 + 900, .tokensInput = 10, .tokensOutput = 5,
-                .tokensReasoning = 100, .tokensCacheRead = 20, .tokensCacheWrite = 1, .cost = 0.25});
+    db.session(OcSession(kRoot, dir).updatedAt(t0 + 900).costing(0.25).tokens(10, 5, 100, 20, 1));
     db.message("msg_1", kRoot, t0, Rows::user(kRoot, t0));
     db.part("prt_1", "msg_1", kRoot, t0 + 1, Rows::text("\"Use a subagent to say hello.\""));
     db.message("msg_2", kRoot, t0 + 10, Rows::assistant(kRoot, t0 + 10, std::nullopt, 0));
@@ -46,9 +39,12 @@ void taskSession(OpenCodeDatabase& db, const std::string& dir, int64_t t0) {
     db.part("prt_3", "msg_2", kRoot, t0 + 12, Rows::reasoning("Delegating."));
     db.part("prt_4", "msg_2", kRoot, t0 + 13, Rows::tool("task", "running", "Say hello in a subagent"));
     db.part("prt_5", "msg_2", kRoot, t0 + 14, Rows::patch());
-    db.session({.id = kChild, .directory = dir, .title = "Say hello in a subagent (@general subagent)",
-                .parentId = kRoot, .agent = "general", .timeUpdated = t0 + 800, .tokensInput = 2456,
-                .tokensOutput = 55});
+    db.session(OcSession(kChild, dir)
+                   .titled("Say hello in a subagent (@general subagent)")
+                   .childOf(kRoot)
+                   .agentNamed("general")
+                   .updatedAt(t0 + 800)
+                   .tokens(2456, 55));
     db.message("msg_c1", kChild, t0 + 20, Rows::user(kChild, t0 + 20));
     db.part("prt_c1", "msg_c1", kChild, t0 + 21, Rows::text("Please just say hello."));
     db.message("msg_c2", kChild, t0 + 30, Rows::assistant(kChild, t0 + 30, std::nullopt, 0));
@@ -77,8 +73,10 @@ TEST(OpenCodeReader, ReadsSessionsTurnsSubagentsAndTitles) {
     int64_t t0 = millisNow(-60s);
     taskSession(db, "/home/dev/proj", t0);
     // A settled session elsewhere, titled by OpenCode, ending on a question.
-    db.session({.id = "ses_titled", .directory = "/home/dev/other", .title = "Refactor the parser",
-                .model = R"({"id":"gpt-5","providerID":"openai","variant":"default"})", .timeUpdated = t0 + 500});
+    db.session(OcSession("ses_titled", "/home/dev/other")
+                   .titled("Refactor the parser")
+                   .modelJson(R"({"id":"gpt-5","providerID":"openai","variant":"default"})")
+                   .updatedAt(t0 + 500));
     db.message("msg_t1", "ses_titled", t0, Rows::user("ses_titled", t0, "gpt-5", "openai"));
     db.part("prt_t1", "msg_t1", "ses_titled", t0 + 1, Rows::text("refactor it"));
     db.message("msg_t2", "ses_titled", t0 + 5, Rows::assistant("ses_titled", t0 + 5, t0 + 9, 4000, "stop", "gpt-5", "openai"));
@@ -87,8 +85,8 @@ TEST(OpenCodeReader, ReadsSessionsTurnsSubagentsAndTitles) {
     db.part("prt_t4", "msg_t2", "ses_titled", t0 + 8, Rows::text("Refactor the parser or add tests first?"));
     db.part("prt_t5", "msg_t2", "ses_titled", t0 + 9, Rows::stepFinish());
     // Archived, and one without a process: never listed / not read.
-    db.session({.id = "ses_archived", .directory = "/home/dev/proj", .timeUpdated = t0 + 950, .timeArchived = t0});
-    db.session({.id = "ses_elsewhere", .directory = "/home/dev/nobody", .timeUpdated = t0 + 990});
+    db.session(OcSession("ses_archived", "/home/dev/proj").updatedAt(t0 + 950).archivedAt(t0));
+    db.session(OcSession("ses_elsewhere", "/home/dev/nobody").updatedAt(t0 + 990));
     writeFile(home / "models.json", R"({"openai":{"id":"openai","models":{"gpt-5":{"id":"gpt-5","name":"GPT-5",
         "limit":{"context":400000,"output":128000},"cost":{"input":1.25,"output":10,"cache_read":0.125}}}}})");
 
@@ -197,7 +195,10 @@ TEST(OpenCodeReader, SmallPieces) {
     EXPECT_FALSE(promptText(R"({"type":"text","text":"<file>","synthetic":true})"));
 
     ModelCatalogue catalogue;
-    catalogue.providers["p"]["m"] = ModelSpec{"M", 1000};
+    ModelSpec spec;
+    spec.name = "M";
+    spec.contextLimit = 1000;
+    catalogue.providers["p"]["m"] = spec;
     EXPECT_EQ(catalogue.model("p", "m")->contextLimit, 1000);
     EXPECT_FALSE(catalogue.model("p", "other"));
     EXPECT_FALSE(ModelCatalogue::parse("[1,2]"));
@@ -260,7 +261,7 @@ TEST(OpenCodeReader, BrokenDatabasesGiveNothingAndSayWhy) {
         db.exec("BEGIN");
         for (int i = 0; i < 200; ++i) {
             auto id = "ses_" + std::to_string(i);
-            db.session({.id = id, .directory = "/p", .title = std::string(300, 'x')});
+            db.session(OcSession(id, "/p").titled(std::string(300, 'x')));
             db.message("m" + std::to_string(i), id, millisNow(), Rows::user(id, millisNow()));
         }
         db.exec("COMMIT");
@@ -274,7 +275,7 @@ TEST(OpenCodeReader, BrokenDatabasesGiveNothingAndSayWhy) {
     // A schema from the future: a column we read has gone; an extra one is fine.
     {
         OpenCodeDatabase db(home / "future.db");
-        db.session({.id = "ses_f", .directory = "/p"});
+        db.session(OcSession("ses_f", "/p"));
         db.exec("ALTER TABLE session ADD COLUMN mood text");
         EXPECT_EQ(probe(db.file()).sessions.size(), 1u);
         db.exec("ALTER TABLE session DROP COLUMN agent");
@@ -287,7 +288,7 @@ TEST(OpenCodeReader, BrokenDatabasesGiveNothingAndSayWhy) {
     // Rows whose JSON does not parse are skipped; the rest still reads.
     {
         OpenCodeDatabase db(home / "rows.db");
-        db.session({.id = "ses_r", .directory = "/p", .model = "{not json"});
+        db.session(OcSession("ses_r", "/p").modelJson("{not json"));
         db.message("m1", "ses_r", 100, Rows::user("ses_r", 100));
         db.part("p1", "m1", "ses_r", 101, Rows::text("hello"));
         db.message("m2", "ses_r", 200, "[[[");
@@ -302,7 +303,7 @@ TEST(OpenCodeReader, BrokenDatabasesGiveNothingAndSayWhy) {
     // Locked by its writer: reported as busy, within the short busy wait.
     {
         OpenCodeDatabase db(home / "locked.db", false);
-        db.session({.id = "ses_l", .directory = "/p"});
+        db.session(OcSession("ses_l", "/p"));
         db.exec("BEGIN EXCLUSIVE");
         db.exec("UPDATE session SET title = 'x'");
         auto started = std::chrono::steady_clock::now();
@@ -325,15 +326,16 @@ TEST(OpenCodeReader, ReadingChangesNothingBesideTheDatabase) {
         taskSession(db, "/home/dev/proj", millisNow(-60s));
     }
     // OpenCode is not running: no -wal or -shm, and reading must not make them.
-    auto before = snapshot(dir);
-    ASSERT_EQ(before.size(), 1u);
+    auto before = readFile(file);
+    ASSERT_EQ(names(dir), std::set<std::string>{"opencode.db"});
     for (int i = 0; i < 5; ++i) {
         auto r = runningSessions(file, options({"/home/dev/proj"}));
         ASSERT_EQ(r.sessions.size(), 1u);
         ASSERT_TRUE(goUsage(file, std::chrono::system_clock::now()));
         ASSERT_TRUE(todos(file, kRoot));
     }
-    EXPECT_EQ(snapshot(dir), before);
+    EXPECT_EQ(names(dir), std::set<std::string>{"opencode.db"});  // no -wal or -shm made
+    EXPECT_TRUE(readFile(file) == before);
 
     // OpenCode running: its connection holds the WAL; we read what it
     // committed and leave every file as it was.
@@ -357,6 +359,6 @@ TEST(OpenCodeReader, ReadingChangesNothingBesideTheDatabase) {
         EXPECT_EQ(r.sessions[0].sessionId, "ses_live1");
     }
     EXPECT_EQ(names(dir), withWriter);
-    EXPECT_EQ(readFile(file), bytes);
+    EXPECT_TRUE(readFile(file) == bytes);
     sqlite3_close(writer);
 }
