@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace scrivet {
 
@@ -17,10 +19,23 @@ constexpr int kReadFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
 }  // namespace
 
 RegularFile::RegularFile(const std::filesystem::path& file) {
+    Read ignored;
+    open(file, ignored);
+}
+
+RegularFile::RegularFile(const std::filesystem::path& file, Read& failure) { open(file, failure); }
+
+void RegularFile::open(const std::filesystem::path& file, Read& failure) {
     int fd = ::open(file.c_str(), kReadFlags);
-    if (fd < 0) return;
+    if (fd < 0) {
+        failure.missing = errno == ENOENT || errno == ENOTDIR;
+        failure.why = std::strerror(errno);
+        return;
+    }
     struct stat st{};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    bool stated = ::fstat(fd, &st) == 0;
+    if (!stated || !S_ISREG(st.st_mode)) {
+        failure.why = stated ? "not a regular file" : std::strerror(errno);
         ::close(fd);
         return;
     }
@@ -78,6 +93,56 @@ bool RegularFile::append(const std::filesystem::path& file, std::string_view tex
     }
     ::close(fd);
     return ok;
+}
+
+RegularFile::Read RegularFile::read(const std::filesystem::path& file, size_t limit) {
+    Read result;
+    RegularFile f(file, result);
+    if (!f) return result;
+    if (f.size() > limit) {
+        result.why = "larger than " + std::to_string(limit) + " bytes";
+        return result;
+    }
+    result.text = f.readAt(0, f.size());
+    if (!result.text) result.why = "read failed";
+    return result;
+}
+
+RegularFile::Read RegularFile::head(const std::filesystem::path& file, size_t bytes) {
+    Read result;
+    RegularFile f(file, result);
+    if (!f) return result;
+    result.text = f.readAt(0, std::min<uint64_t>(bytes, f.size()));
+    if (!result.text) result.why = "read failed";
+    return result;
+}
+
+std::optional<RegularFile::Tail> RegularFile::tail(const std::filesystem::path& file, uint64_t window,
+                                                   std::string* why) {
+    Read failure;
+    RegularFile f(file, failure);
+    auto fail = [&](std::string reason) -> std::optional<Tail> {
+        if (why) *why = std::move(reason);
+        return std::nullopt;
+    };
+    if (!f) return fail(failure.why);
+    Tail t;
+    t.fileSize = f.size();
+    t.start = t.fileSize > window ? t.fileSize - window : 0;
+    if (t.start > 0) {
+        auto before = f.readAt(t.start - 1, 1);
+        if (!before || before->size() != 1) return fail("read failed");
+        t.startsLine = (*before)[0] == '\n';
+    }
+    auto bytes = f.readAt(t.start, t.fileSize - t.start);
+    if (!bytes) return fail("read failed");
+    t.bytes = std::move(*bytes);
+    return t;
+}
+
+bool RegularFile::isRegular(const std::filesystem::path& file) {
+    struct stat st{};
+    return ::stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 }  // namespace scrivet

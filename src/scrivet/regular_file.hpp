@@ -41,7 +41,36 @@ public:
     // anything but a regular file and never waits.
     static bool append(const std::filesystem::path& file, std::string_view text);
 
+    // The outcome of one read that says why it failed.
+    struct Read {
+        std::optional<std::string> text;  // the bytes, when they could be read
+        bool missing = false;             // there is no file at all
+        std::string why;                  // otherwise, why nothing was read ("not a regular file")
+    };
+    // Reads a whole regular file of at most `limit` bytes.
+    static Read read(const std::filesystem::path& file, size_t limit);
+    // Reads the file's first `bytes` bytes (fewer when it is shorter).
+    static Read head(const std::filesystem::path& file, size_t bytes);
+
+    // The window [size - window, size) of the file's end and where it starts;
+    // `startsLine` is true when the window begins at the file's start or just
+    // after a newline.
+    struct Tail {
+        std::string bytes;
+        uint64_t start = 0;
+        uint64_t fileSize = 0;
+        bool startsLine = true;
+    };
+    static std::optional<Tail> tail(const std::filesystem::path& file, uint64_t window, std::string* why = nullptr);
+
+    // True when `file` names a regular file (following links).
+    static bool isRegular(const std::filesystem::path& file);
+
 private:
+    // Opens like the constructor, but says why it failed.
+    RegularFile(const std::filesystem::path& file, Read& failure);
+    void open(const std::filesystem::path& file, Read& failure);
+
     int fd_ = -1;
     uint64_t size_ = 0;
 };

@@ -50,7 +50,7 @@ int run(int argc, char** argv) {
     app.add_flag("--no-ui", noUI, "Run the monitor and the hook bridge without a screen, printing status changes");
     std::string transcript;
     app.add_option("--transcript", transcript,
-                   "Print what the readers draw from one journal FILE (Claude Code, Codex or Cursor)")
+                   "Print what the readers draw from one journal FILE (Claude Code, Codex, Cursor or a Kimi wire.jsonl)")
         ->option_text("FILE");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);

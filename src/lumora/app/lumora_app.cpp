@@ -4,9 +4,13 @@
 #include "lumora/monitor/claude_session_source.hpp"
 #include "lumora/monitor/codex_session_source.hpp"
 #include "lumora/monitor/cursor_session_source.hpp"
+#include "lumora/monitor/kimi_session_source.hpp"
+#include "lumora/monitor/opencode_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
+#include "scrivet/kimi_transcript_reader.hpp"
+#include "scrivet/opencode_transcript_reader.hpp"
 
 #include <cstdlib>
 
@@ -81,6 +85,11 @@ LumoraApp::LumoraApp()
         }}));
     deps.sources.push_back(std::make_unique<CursorSessionSource>(
         CursorSessionSource::Options{Paths::cursorHome() / "projects", std::chrono::minutes(30)}));
+    deps.sources.push_back(std::make_unique<KimiSessionSource>(KimiSessionSource::Paths{
+        scrivet::KimiTranscriptReader::sessionsRoot(Paths::kimiHome()), Paths::kimiHome() / "config.toml"}));
+    deps.sources.push_back(std::make_unique<OpenCodeSessionSource>(OpenCodeSessionSource::Paths{
+        scrivet::OpenCodeTranscriptReader::databaseURL(Paths::openCodeData()),
+        scrivet::OpenCodeTranscriptReader::modelsCatalogURL(Paths::openCodeCache())}));
     HookBridge* bridge = bridge_.get();
     deps.hooks = [bridge](Date now) { return hookSnapshot(bridge->snapshot(now)); };
     deps.lowPowerMode = [] { return PowerState::lowPowerMode(); };

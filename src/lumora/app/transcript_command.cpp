@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <functional>
 #include <ostream>
 #include <system_error>
 
@@ -10,6 +11,7 @@
 #include "scrivet/claude_transcript_reader.hpp"
 #include "scrivet/codex_transcript_reader.hpp"
 #include "scrivet/cursor_transcript_reader.hpp"
+#include "scrivet/kimi_transcript_reader.hpp"
 
 namespace lumora::TranscriptCommand {
 
@@ -48,8 +50,10 @@ std::string pendingText(const std::optional<scrivet::PendingApproval>& pending, 
 }
 
 // The fields every agent's facts share, under the same names for each. A
-// pending call shows the grace delay its agent's status rule gives it.
-void printInfo(const scrivet::TranscriptInfo& info, std::ostream& out, DelayOf delay = scrivet::delaySeconds) {
+// pending call shows the grace delay its agent's status rule gives it;
+// `afterBackground` adds lines after the background agents.
+void printInfo(const scrivet::TranscriptInfo& info, std::ostream& out, DelayOf delay = scrivet::delaySeconds,
+               const std::function<void()>& afterBackground = {}) {
     out << "lastModified: " << isoDate(info.lastModified) << "\n";
     out << "summary: " << optional(info.summary) << "\n";
     out << "gitBranch: " << optional(info.gitBranch) << "\n";
@@ -71,6 +75,8 @@ void printInfo(const scrivet::TranscriptInfo& info, std::ostream& out, DelayOf d
             << (s.isRunning ? " | running" : "") << "\n";
     }
     out << "hasRealTurn: " << flag(info.hasRealTurn) << "\n";
+    out << "pendingBackgroundAgents: " << info.pendingBackgroundAgents << "\n";
+    if (afterBackground) afterBackground();
     out << "recentSubagentActivity: " << flag(info.recentSubagentActivity) << "\n";
     out << "created: " << isoDate(info.created) << "\n";
     out << "lastEntryDate: " << isoDate(info.lastEntryDate) << "\n";
@@ -138,6 +144,35 @@ int printCursor(const fs::path& file, std::ostream& out, std::ostream& err) {
     return 0;
 }
 
+bool isKimiWire(const fs::path& file) { return file.filename() == "wire.jsonl"; }
+
+int runKimi(const fs::path& file, std::ostream& out, std::ostream& err) {
+    namespace Kimi = scrivet::KimiTranscriptReader;
+    // state.json beside the journal, else in the session folder (<session>/agents/<agent>/wire.jsonl).
+    std::optional<fs::path> state;
+    for (auto candidate : {file.parent_path() / "state.json", file.parent_path().parent_path().parent_path() / "state.json"}) {
+        std::error_code ec;
+        if (fs::is_regular_file(candidate, ec)) {
+            state = candidate;
+            break;
+        }
+    }
+    auto session = Kimi::parseWire(file, state, std::chrono::system_clock::now(), Paths::kimiHome() / "config.toml");
+    if (!session) {
+        err << "lumora: --transcript: no journal entries could be read from " << file.string() << "\n";
+        return 1;
+    }
+    out << "file: " << file.string() << "\n";
+    out << "state: " << (state ? state->string() : std::string("-")) << "\n";
+    out << "cwd: " << (session->cwd.empty() ? std::string("-") : session->cwd) << "\n";
+    printInfo(session->info, out);
+    if (session->question) {
+        out << "question: " << session->question->text << "\n";
+        out << "questionOptions: " << session->question->optionsLine() << "\n";
+    }
+    return 0;
+}
+
 }  // namespace
 
 int run(const fs::path& file, std::ostream& out, std::ostream& err) {
@@ -148,6 +183,7 @@ int run(const fs::path& file, std::ostream& out, std::ostream& err) {
     }
     if (scrivet::CodexTranscriptReader::isRollout(file)) return printCodex(file, out, err);
     if (scrivet::CursorTranscriptReader::isTranscript(file)) return printCursor(file, out, err);
+    if (isKimiWire(file)) return runKimi(file, out, err);
     auto cwd = CTR::recordedCwd(file).value_or(file.parent_path().string());
     CTR::ReadOptions options{std::chrono::system_clock::now(), Paths::claudeTempFolder()};
     auto info = CTR::info(file, cwd, Paths::claudeConfigFile(), options);
@@ -157,37 +193,9 @@ int run(const fs::path& file, std::ostream& out, std::ostream& err) {
     }
     out << "file: " << file.string() << "\n";
     out << "cwd: " << cwd << "\n";
-    out << "lastModified: " << isoDate(info->lastModified) << "\n";
-    out << "summary: " << optional(info->summary) << "\n";
-    out << "gitBranch: " << optional(info->gitBranch) << "\n";
-    out << "sessionId: " << optional(info->sessionId) << "\n";
-    out << "model: " << optional(info->model) << "\n";
-    out << "contextTokens: " << optional(info->contextTokens) << "\n";
-    out << "contextMax: " << optional(info->contextMax) << "\n";
-    out << "contextMaxEstimated: " << flag(info->contextMaxEstimated) << "\n";
-    out << "inProgress: " << flag(info->inProgress) << "\n";
-    out << "pendingApproval: "
-        << (info->pendingApproval ? std::string(scrivet::kindName(*info->pendingApproval)) + " (" +
-                                        std::to_string(scrivet::delaySeconds(*info->pendingApproval)) + " s)"
-                                  : "-")
-        << "\n";
-    out << "endsWithQuestion: " << flag(info->endsWithQuestion) << "\n";
-    out << "awaitingFirstReply: " << flag(info->awaitingFirstReply) << "\n";
-    for (const auto& line : info->recentActivity)
-        out << "recentActivity: " << scrivet::kindName(line.kind) << " " << line.text << "\n";
-    out << "subagentCount: " << info->subagentCount << "\n";
-    for (const auto& s : info->subagents) {
-        out << "subagent: " << s.id << " | " << s.type << " | " << s.task << " | model " << optional(s.model)
-            << " | action " << optional(s.action) << " | tokens " << optional(s.tokens)
-            << (s.isRunning ? " | running" : "") << "\n";
-    }
-    out << "hasRealTurn: " << flag(info->hasRealTurn) << "\n";
-    out << "pendingBackgroundAgents: " << info->pendingBackgroundAgents << "\n";
-    for (const auto& id : CTR::outstandingBackgroundTasks(file).pending) out << "pendingBackgroundTask: " << id << "\n";
-    out << "recentSubagentActivity: " << flag(info->recentSubagentActivity) << "\n";
-    out << "created: " << isoDate(info->created) << "\n";
-    out << "lastEntryDate: " << isoDate(info->lastEntryDate) << "\n";
-    out << "topic: " << optional(info->topic) << "\n";
+    printInfo(*info, out, scrivet::delaySeconds, [&] {
+        for (const auto& id : CTR::outstandingBackgroundTasks(file).pending) out << "pendingBackgroundTask: " << id << "\n";
+    });
     return 0;
 }
 

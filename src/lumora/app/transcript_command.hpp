@@ -5,8 +5,10 @@
 
 // `lumora --transcript FILE`: the facts a reader draws from one journal (a
 // Claude Code journal, a Codex rollout or a Cursor transcript, told by their
-// first lines), as plain "field: value" lines under the same names for every
-// agent, for diagnosing a real journal. A rollout adds its rate-limit windows.
+// first lines, or a Kimi wire journal, "wire.jsonl", read with the session's
+// state.json when it sits beside it or in its session folder), as plain
+// "field: value" lines under the same names for every agent, for diagnosing a
+// real journal. A rollout adds its rate-limit windows.
 namespace lumora::TranscriptCommand {
 
 // Prints the journal's TranscriptInfo and its running subagents to `out`.

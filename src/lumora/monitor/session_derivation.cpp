@@ -244,6 +244,7 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
 
     a.status = *status;
     a.inProgress = inProgress;
+    if (!a.question && obs.question && a.status == AgentStatus::attention) a.question = obs.question;
     memo.cpu = obs.cpu;
     memo.pid = obs.pid;
     return a;

@@ -44,6 +44,10 @@ struct SessionObservation {
     // Background work (subagents, background shells) still out.
     bool backgroundActive = false;
 
+    // A question the journal shows the agent asking (display only: agents
+    // without hook prompts, such as Kimi).
+    std::optional<PendingQuestion> question;
+
     bool operator==(const SessionObservation&) const = default;
 };
 

@@ -38,6 +38,7 @@ fs::path cursorHome();        // ~/.cursor
 fs::path kimiHome();          // ~/.kimi-code
 fs::path openCodeData();      // ~/.local/share/opencode
 fs::path openCodeConfig();    // ~/.config/opencode
+fs::path openCodeCache();     // ~/.cache/opencode (its model catalogue)
 // Where Claude Code keeps background-task output: <temp>/claude-<uid>.
 fs::path claudeTempFolder();
 // The system's temporary folder ($TMPDIR, else /tmp).

@@ -65,6 +65,7 @@ fs::path cursorHome() { return home() / ".cursor"; }
 fs::path kimiHome() { return home() / ".kimi-code"; }
 fs::path openCodeData() { return home() / ".local/share/opencode"; }
 fs::path openCodeConfig() { return home() / ".config/opencode"; }
+fs::path openCodeCache() { return home() / ".cache/opencode"; }
 
 fs::path tempFolder() {
     std::string t = env("TMPDIR");
@@ -92,6 +93,7 @@ std::vector<Entry> all() {
         {"kimi home", kimiHome()},
         {"opencode data", openCodeData()},
         {"opencode config", openCodeConfig()},
+        {"opencode cache", openCodeCache()},
     };
 }
 
