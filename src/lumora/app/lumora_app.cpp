@@ -83,6 +83,13 @@ LumoraApp::LumoraApp()
     // A hook event rescans at once; the monitor hops to the main loop itself.
     ClaudeMonitor* monitor = monitor_.get();
     bridge_->setOnEvent([monitor] { monitor->refreshNow(); });
+
+    UsagePoller::Dependencies usage;
+    SettingsStore* settings = &settings_;
+    usage.sources = QuotaSources::standard([settings] { return settings->openCodeGoCaps(); });
+    usage.cache = &UsageSnapshotCache::shared();
+    usage_ = std::make_unique<UsagePoller>(std::move(usage));
+
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
 }
@@ -99,6 +106,7 @@ void LumoraApp::applySettings() {
     s.subagentsEnabled = settings_.subagentsEnabled();
     s.idleTimeoutMinutes = settings_.idleTimeoutMinutes();
     monitor_->setSettings(s);
+    usage_->setEnabled(settings_.usageEnabled());
     bridge_->setGating(gatingWanted_ && settings_.approveRuns());
 }
 
@@ -107,6 +115,7 @@ void LumoraApp::start(bool gatingWanted) {
     applySettings();
     bridge_->start();
     monitor_->start();
+    usage_->start();
     started_ = true;
 }
 
@@ -117,6 +126,7 @@ void LumoraApp::stop() {
     bridge_->setGating(false);
     bridge_->releaseAllGates();
     monitor_->stop();
+    usage_->stop();
     bridge_->stop();
 }
 
@@ -159,6 +169,12 @@ std::optional<std::string> AppBackend::choose(const ApprovalRequest& request, Ap
 
 void AppBackend::sawRow(const std::string& sessionId) { app_.monitor().sawRow(sessionId); }
 
-void AppBackend::setOnChange(std::function<void()> onChange) { app_.monitor().setOnPublish(std::move(onChange)); }
+std::vector<QuotaReading> AppBackend::quotaReadings() const { return app_.usage().readings(); }
+std::optional<UsageAlert> AppBackend::usageAlert() const { return app_.usage().alert(); }
+
+void AppBackend::setOnChange(std::function<void()> onChange) {
+    app_.usage().setOnPublish(onChange);
+    app_.monitor().setOnPublish(std::move(onChange));
+}
 
 }  // namespace lumora

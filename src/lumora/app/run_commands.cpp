@@ -12,6 +12,7 @@
 
 #include "lumora/base/log.hpp"
 #include "lumora/app/lumora_app.hpp"
+#include "lumora/app/usage_command.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
 
@@ -142,8 +143,18 @@ int scan(bool json) {
     LumoraApp app;
     auto list = rowOrder(app.monitor().scanOnce());
     if (json) {
+        // Each session carries its provider's current plan usage (or null).
+        auto now = std::chrono::system_clock::now();
+        Json usage = Json::object();
+        if (app.settings().usageEnabled())
+            usage = UsageCommand::toJson(UsageCommand::currentReadings(now, app.settings().openCodeGoCaps()), now);
         Json out = Json::array();
-        for (const auto& a : list) out.push_back(toJson(a));
+        for (const auto& a : list) {
+            Json j = toJson(a);
+            auto it = usage.find(std::string(scrivet::rawValue(a.provider)));
+            j["planUsage"] = it != usage.end() ? *it : Json(nullptr);
+            out.push_back(std::move(j));
+        }
         std::cout << out.dump(2) << "\n";
     } else {
         for (const auto& a : list) std::cout << scanLine(a) << "\n";
@@ -174,6 +185,14 @@ int headless() {
             lastToken = peek->token;
             std::cout << timestamp(now) << "  peek " << (peek->done ? "done" : "needs you") << "  "
                       << peek->projectName << ": " << peek->ask << std::endl;
+        }
+    });
+    long long lastUsageToken = 0;
+    app.usage().setOnPublish([&] {
+        if (const auto& alert = app.usage().alert(); alert && alert->token != lastUsageToken) {
+            lastUsageToken = alert->token;
+            std::cout << timestamp(std::chrono::system_clock::now()) << "  usage " << scrivet::displayName(alert->provider)
+                      << ": " << alert->text << std::endl;
         }
     });
     app.start(false);  // nobody can answer a prompt here: the agents show their own

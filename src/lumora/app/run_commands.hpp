@@ -9,7 +9,8 @@
 // The ways to run the monitor from the command line.
 namespace lumora::RunCommands {
 
-// `lumora --scan [--json]`: one scan, one line (or one JSON object) per session.
+// `lumora --scan [--json]`: one scan, one line (or one JSON object) per
+// session; in JSON each session also carries its provider's plan usage.
 int scan(bool json);
 // `lumora --no-ui`: the monitor and the hook bridge without a screen, gating
 // off (every prompt goes back to the agent at once); prints one line per

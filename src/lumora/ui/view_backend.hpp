@@ -9,6 +9,7 @@
 #include "lumora/approvals/approval_request.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 #include "lumora/monitor/peek_event.hpp"
+#include "lumora/usage/quota_reading.hpp"
 
 namespace lumora {
 
@@ -44,6 +45,12 @@ public:
     virtual std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) = 0;
     // The user looked at a session's row (acknowledges a needs-you, sees a completion).
     virtual void sawRow(const std::string& sessionId) = 0;
+
+    // The plan-usage readings for the quota strip, in provider order; empty
+    // while plan usage is off or nothing has been read yet.
+    virtual std::vector<QuotaReading> quotaReadings() const { return {}; }
+    // The latest quota alert, if any (its token tells a new one from an old one).
+    virtual std::optional<UsageAlert> usageAlert() const { return std::nullopt; }
 
     // Called (on the main loop) whenever anything above may have changed.
     virtual void setOnChange(std::function<void()> onChange) = 0;

@@ -59,6 +59,7 @@ private:
     ViewModel model_;
     ViewState state_;
     long long lastPeekToken_ = -1;
+    long long lastUsageToken_ = -1;
     bool bell_ = false;
     int pageRows_ = 8;
 };
