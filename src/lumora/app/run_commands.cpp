@@ -139,22 +139,26 @@ Json toJson(const AgentInstance& a) {
     return j;
 }
 
+Json scanJson(const std::vector<AgentInstance>& list, const Json& usage) {
+    Json out = Json::array();
+    for (const auto& a : list) {
+        Json j = toJson(a);
+        auto it = usage.is_object() ? usage.find(std::string(scrivet::rawValue(a.provider))) : usage.end();
+        j["planUsage"] = usage.is_object() && it != usage.end() ? *it : Json(nullptr);
+        out.push_back(std::move(j));
+    }
+    return out;
+}
+
 int scan(bool json) {
     LumoraApp app;
     auto list = rowOrder(app.monitor().scanOnce());
     if (json) {
-        // Each session carries its provider's current plan usage (or null).
         auto now = std::chrono::system_clock::now();
         Json usage = Json::object();
         if (app.settings().usageEnabled())
             usage = UsageCommand::toJson(UsageCommand::currentReadings(now, app.settings().openCodeGoCaps()), now);
-        Json out = Json::array();
-        for (const auto& a : list) {
-            Json j = toJson(a);
-            auto it = usage.find(std::string(scrivet::rawValue(a.provider)));
-            j["planUsage"] = it != usage.end() ? *it : Json(nullptr);
-            out.push_back(std::move(j));
-        }
+        Json out = scanJson(list, usage);
         std::cout << out.dump(2) << "\n";
     } else {
         for (const auto& a : list) std::cout << scanLine(a) << "\n";

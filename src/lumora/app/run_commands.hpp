@@ -24,5 +24,8 @@ int interactive();
 std::string scanLine(const AgentInstance& a);
 // Every field of a session, for `--scan --json`.
 nlohmann::ordered_json toJson(const AgentInstance& a);
+// The `--scan --json` array: every session's fields and, as "planUsage", its
+// provider's entry of `usage` (UsageCommand::toJson of the readings), or null.
+nlohmann::ordered_json scanJson(const std::vector<AgentInstance>& list, const nlohmann::ordered_json& usage);
 
 }  // namespace lumora::RunCommands

@@ -68,8 +68,13 @@ std::string UsageProbe::line() const {
         }
         if (usage->detail) out += " · " + *usage->detail;
     } else {
-        out += hint(blocker, provider);
-        if (blocker == UsageBlocker::localOnly) out += " (nothing recorded yet)";
+        if (blocker == UsageBlocker::localOnly && provider == HarnessProvider::codex) {
+            // Codex records its windows in its own session logs; none of the last week has them.
+            out += "no plan limits in this machine's recent Codex sessions";
+        } else {
+            out += hint(blocker, provider);
+            if (blocker == UsageBlocker::localOnly) out += " (nothing recorded yet)";
+        }
     }
     if (blocker == UsageBlocker::rateLimited) {
         // The wait, not a fault: say when it asks again.
