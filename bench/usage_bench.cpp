@@ -26,6 +26,7 @@
 #include "lumora/base/dates.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/ui/view_controller.hpp"
+#include "lumora/usage/codex_rate_limits.hpp"
 #include "lumora/usage/quota_sources.hpp"
 #include "lumora/usage/usage_poller.hpp"
 
@@ -126,13 +127,18 @@ struct Home {
                            R"(},"secondary":{"used_percent":9.0,"window_minutes":10080,"resets_at":)" +
                            std::to_string(static_cast<long long>(Dates::toSeconds(now + 100h))) + R"(},"plan_type":"plus"}}})" "\n";
         std::string nulls = R"({"timestamp":"2026-11-22T00:46:25.357Z","type":"event_msg","payload":{"type":"token_count","info":null,"rate_limits":{"primary":null,"secondary":null}}})" "\n";
-        for (int d = 0; d < 7; ++d) {
+        // Oldest first, so the newest rollout (day 0, number 0) is written last.
+        for (int d = 6; d >= 0; --d) {
             fs::path folder = codex / dayFolder(now - 24h * d);
             fs::create_directories(folder);
-            for (int i = 0; i < 5; ++i) {
-                std::ofstream out(folder / ("rollout-" + std::to_string(d) + "-" + std::to_string(i) + ".jsonl"));
-                size_t lines = d == 0 && i == 0 ? 2000 : 50;
-                for (size_t l = 0; l < lines; ++l) out << (l == lines - 200 ? good : l % 10 == 0 ? nulls : filler);
+            for (int i = 4; i >= 0; --i) {
+                fs::path file = folder / ("rollout-" + std::to_string(d) + "-" + std::to_string(i) + ".jsonl");
+                {
+                    std::ofstream out(file);
+                    size_t lines = d == 0 && i == 0 ? 2000 : 50;
+                    for (size_t l = 0; l < lines; ++l) out << (l == lines - 200 ? good : l % 10 == 0 ? nulls : filler);
+                }
+                fs::last_write_time(file, fs::file_time_type::clock::now() - std::chrono::minutes(d * 60 + i));
             }
         }
         fs::remove(db);
@@ -145,12 +151,15 @@ struct Home {
         sqlite3_stmt* s = nullptr;
         sqlite3_prepare_v2(h, "INSERT INTO message VALUES (?, 's', ?, ?, ?)", -1, &s, nullptr);
         long long nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
-        for (int i = 0; i < 20000; ++i) {
-            // Three months of messages; every tenth billed to the Go plan.
+        for (int i = 19999; i >= 0; --i) {
+            // Three months of finished messages, oldest first as OpenCode
+            // writes them; every tenth billed to the Go plan.
             long long at = nowMs - static_cast<long long>(i) * 400000;
             std::string data = std::string(R"({"role":"assistant","providerID":")") + (i % 10 == 0 ? "opencode-go" : "anthropic") +
-                               R"(","cost":0.0123,"tokens":{"total":1234},"time":{"created":)" + std::to_string(at) + "}}";
-            std::string id = "m" + std::to_string(i);
+                               R"(","cost":0.0123,"tokens":{"total":1234},"time":{"created":)" + std::to_string(at) +
+                               ",\"completed\":" + std::to_string(at + 20000) + "}}";
+            std::string id = std::to_string(i);
+            id.insert(id.begin(), 'm');
             sqlite3_bind_text(s, 1, id.c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_int64(s, 2, at);
             sqlite3_bind_int64(s, 3, at);
@@ -185,14 +194,14 @@ void BM_PollCycle(benchmark::State& state) {
     sources.push_back(std::make_unique<CodexQuotaSource>(home().codex));
     sources.push_back(std::make_unique<OpenCodeGoQuotaSource>(home().db));
     std::atomic<bool> cancel{false};
-    int shown = 0;
+    std::string missing;
     for (auto _ : state) {
         for (auto& s : sources) {
             auto f = s->fetch(std::chrono::system_clock::now(), cancel);
-            shown += f.probe.usage ? 1 : 0;
+            if (!f.probe.usage && missing.empty()) missing = f.probe.line();
         }
     }
-    if (shown != 3 * static_cast<int>(state.iterations())) state.SkipWithError("a provider gave no reading");
+    if (!missing.empty()) state.SkipWithError(("a provider gave no reading: " + missing).c_str());
 }
 BENCHMARK(BM_PollCycle)->Unit(benchmark::kMillisecond);
 
@@ -206,6 +215,32 @@ void BM_OpenCodeGoCharges(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(OpenCodeGoUsage::read(home().db, {}, std::chrono::system_clock::now()));
 }
 BENCHMARK(BM_OpenCodeGoCharges)->Unit(benchmark::kMicrosecond);
+
+// OpenCode running: a new Go message lands between two polls, which read
+// only the table's tail.
+void BM_OpenCodeGoLedgerWhileActive(benchmark::State& state) {
+    OpenCodeGoUsage::ChargeLedger ledger;
+    sqlite3* h = nullptr;
+    sqlite3_open(home().db.c_str(), &h);
+    sqlite3_exec(h, "PRAGMA synchronous=OFF", nullptr, nullptr, nullptr);
+    ledger.charges(home().db, std::chrono::system_clock::now() - 720h, std::chrono::system_clock::now());
+    int n = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        long long nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              std::chrono::system_clock::now().time_since_epoch()).count();
+        std::string sql = "INSERT INTO message VALUES ('new" + std::to_string(n++) + "', 's', " + std::to_string(nowMs) +
+                          ", " + std::to_string(nowMs) + R"(, '{"role":"assistant","providerID":"opencode-go","cost":0.01}'))";
+        sqlite3_exec(h, sql.c_str(), nullptr, nullptr, nullptr);
+        state.ResumeTiming();
+        auto now = std::chrono::system_clock::now();
+        benchmark::DoNotOptimize(ledger.charges(home().db, now - 720h, now));
+    }
+    sqlite3_exec(h, "DELETE FROM message WHERE id LIKE 'new%'", nullptr, nullptr, nullptr);
+    sqlite3_close(h);
+    state.counters["queries"] = static_cast<double>(ledger.reads());
+}
+BENCHMARK(BM_OpenCodeGoLedgerWhileActive)->Unit(benchmark::kMicrosecond);
 
 class StripBackend : public ViewBackend {
 public:
@@ -224,13 +259,16 @@ private:
     UsagePoller& poller_;
 };
 
+// Arg 1: the usage worker is stuck on the hung server; arg 0: the same
+// machine with no usage poll in flight, for comparison.
 void BM_WhileTheServerHangs(benchmark::State& state) {
+    bool hang = state.range(0) == 1;
     Server server("", true);
     std::string api = server.url();
     RunLoop loop;
     UsageBackoff backoff;
     UsagePoller::Dependencies deps;
-    deps.sources.push_back(std::make_unique<ClaudeQuotaSource>([api] { return environment(api); }, backoff));
+    if (hang) deps.sources.push_back(std::make_unique<ClaudeQuotaSource>([api] { return environment(api); }, backoff));
     deps.sources.push_back(std::make_unique<CodexQuotaSource>(home().codex));
     deps.loop = &loop;
     auto owned = std::make_unique<UsagePoller>(std::move(deps));
@@ -258,7 +296,7 @@ void BM_WhileTheServerHangs(benchmark::State& state) {
         monitorQueue.sync([] {});
         worstQueue = std::max(worstQueue, std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - queued).count());
     }
-    if (!poller.cycleInFlight()) state.SkipWithError("the request did not hang");
+    if (hang != poller.cycleInFlight()) state.SkipWithError("the request did not hang");
     state.counters["loop_mean_ms"] = sumLoop / static_cast<double>(state.iterations());
     state.counters["loop_worst_ms"] = worstLoop;
     state.counters["queue_worst_ms"] = worstQueue;
@@ -266,7 +304,7 @@ void BM_WhileTheServerHangs(benchmark::State& state) {
     owned.reset();  // cancels the hung request and joins the worker
     state.counters["stop_ms"] = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - stopping).count();
 }
-BENCHMARK(BM_WhileTheServerHangs)->Unit(benchmark::kMicrosecond)->Iterations(2000);
+BENCHMARK(BM_WhileTheServerHangs)->Unit(benchmark::kMicrosecond)->Iterations(2000)->Arg(0)->Arg(1);
 
 }  // namespace
 

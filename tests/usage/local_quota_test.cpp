@@ -204,3 +204,51 @@ TEST(OpenCodeGoUsage, ALockedDatabaseIsGivenUpQuicklyAndNeverWritten) {
     EXPECT_TRUE(OpenCodeGoUsage::read(file, {}, now));
     EXPECT_EQ(test::readFile(file), before);
 }
+
+TEST(OpenCodeGoUsage, TheLedgerReadsOnlyWhatChangedAndAgreesWithAFullRead) {
+    test::TempDir dir;
+    fs::path file = dir / "opencode.db";
+    createDatabase(file);
+    Date now = std::chrono::time_point_cast<std::chrono::milliseconds>(std::chrono::system_clock::now());
+    Date since = now - 720h;
+    addMessage(file, "m1", now - 3h, charge("opencode-go", "1", now - 3h));
+    addMessage(file, "m2", now - 2h, charge("anthropic", "9", now - 2h));
+    OpenCodeGoUsage::ChargeLedger ledger(1);  // only the last row is read again
+    auto total = [&](Date at) {
+        auto list = ledger.charges(file, since, at);
+        double sum = 0;
+        for (const auto& c : *list) sum += c.cost;
+        auto full = OpenCodeGoUsage::charges(file, since);
+        double fullSum = 0;
+        for (const auto& c : *full) fullSum += c.cost;
+        EXPECT_DOUBLE_EQ(sum, fullSum);
+        return sum;
+    };
+    EXPECT_EQ(total(now), 1);
+    EXPECT_EQ(total(now + 1s), 1);
+    EXPECT_EQ(ledger.reads(), 1);  // unchanged: not read again
+
+    // A running message (no completion yet) then finishing with its cost.
+    addMessage(file, "m3", now - 1min, charge("opencode-go", "0"));
+    EXPECT_EQ(total(now + 2s), 1);
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    exec(db, "UPDATE message SET data = '" + charge("opencode-go", "2.5", now) + "' WHERE id = 'm3'");
+    EXPECT_EQ(total(now + 3s), 3.5);
+    // A message replaced under a new rowid counts once; a deleted one not at all.
+    exec(db, "DELETE FROM message WHERE id = 'm3'");
+    sqlite3_close(db);
+    addMessage(file, "m3", now - 1min, charge("opencode-go", "2", now));
+    EXPECT_EQ(total(now + 4s), 3);
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    exec(db, "DELETE FROM message WHERE id = 'm3'");
+    sqlite3_close(db);
+    EXPECT_EQ(total(now + 5s), 1);
+    // Another database in its place is read afresh.
+    fs::remove(file);
+    createDatabase(file);
+    addMessage(file, "x1", now - 1h, charge("opencode-go", "4", now));
+    EXPECT_EQ(total(now + 6s), 4);
+    fs::remove(file);
+    EXPECT_EQ(ledger.charges(file, since, now + 7s), std::nullopt);
+}

@@ -275,12 +275,12 @@ WindowPieces windowPieces(const QuotaReading& r, const PlanUsage::Window& raw, D
     p.modelScoped = w.isModelScoped;
     Style plain = stale ? muted() : Style{};
     Style hue = stale ? muted() : role(quotaRole(w));
-    p.core.push_back({sanitize(w.label) + " ", plain});
-    p.core.push_back({quotaGauge(w.percentLeft(), kQuotaGaugeCells) + " ", hue});
+    p.core.push_back({concat({sanitize(w.label), " "}), plain});
+    p.core.push_back({concat({quotaGauge(w.percentLeft(), kQuotaGaugeCells), " "}), hue});
     p.core.push_back({percentLeftText(w), hue});
     if (w.resetsAt) {
         double in = std::chrono::duration<double>(*w.resetsAt - now).count();
-        p.reset.push_back({" ↻" + Pace::compact(in), muted()});
+        p.reset.push_back({concat({" ↻", Pace::compact(in)}), muted()});
     }
     if (w.isDepleted()) {
         p.behind = true;
@@ -288,7 +288,7 @@ WindowPieces windowPieces(const QuotaReading& r, const PlanUsage::Window& raw, D
     } else if (auto pace = r.pace(raw, now)) {
         p.behind = pace->verdict.kind == PaceEstimate::Kind::behind;
         Style st = p.behind ? role(Role::alert, true) : pace->verdict.kind == PaceEstimate::Kind::onTrack ? role(Role::waiting) : muted();
-        p.verdict.push_back({" " + pace->label(), st});
+        p.verdict.push_back({concat({" ", pace->label()}), st});
     }
     return p;
 }
@@ -306,7 +306,7 @@ Line quotaLine(const QuotaReading& r, const ViewModel& m, int labelWidth, int wi
     std::vector<Span> tail;
     if (stale) {
         double age = std::chrono::duration<double>(m.now - r.fetchedAt).count();
-        tail.push_back({"  · " + Pace::compact(age) + " ago", muted()});
+        tail.push_back({concat({"  · ", Pace::compact(age), " ago"}), muted()});
     }
     // Pieces go, least useful first, until the line fits: calm verdicts,
     // resets, model-scoped windows, all but the first overrun, the gauges,

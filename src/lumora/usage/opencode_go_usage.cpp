@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "lumora/platform/file_stamp.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora {
@@ -101,7 +102,25 @@ std::string readOnlyUri(const fs::path& database) {
     return out + "?mode=ro";
 }
 
-std::optional<std::vector<GoCharge>> charges(const fs::path& database, Date since, std::string_view providerID) {
+namespace {
+
+// One Go message as the ledger keeps it.
+struct Row {
+    std::string id;
+    sqlite3_int64 rowid = 0;
+    GoCharge charge;
+    bool complete = false;
+};
+
+struct Query {
+    std::vector<Row> rows;
+    sqlite3_int64 maxRowid = 0;
+};
+
+// The Go charges created since `since` among the rows from `fromRowid` on
+// (rowids grow as OpenCode inserts, so a later read need only look at the
+// table's tail), and the table's highest rowid.
+std::optional<Query> query(const fs::path& database, Date since, sqlite3_int64 fromRowid, std::string_view providerID) {
     std::error_code ec;
     if (!fs::is_regular_file(database, ec)) return std::nullopt;
     sqlite3* raw = nullptr;
@@ -109,16 +128,26 @@ std::optional<std::vector<GoCharge>> charges(const fs::path& database, Date sinc
     std::unique_ptr<sqlite3, DbCloser> db(raw);
     if (rc != SQLITE_OK) return std::nullopt;
     sqlite3_busy_timeout(db.get(), 250);
+    // The substring test spares the JSON parse of every other provider's messages.
     static constexpr const char* kQuery =
         "SELECT COALESCE(json_extract(data, '$.time.completed'), time_created), "
-        "COALESCE(json_extract(data, '$.cost'), 0) FROM message "
-        "WHERE time_created >= ? AND json_extract(data, '$.providerID') = ?";
-    sqlite3_stmt* rawStatement = nullptr;
-    if (sqlite3_prepare_v2(db.get(), kQuery, -1, &rawStatement, nullptr) != SQLITE_OK) return std::nullopt;
-    std::unique_ptr<sqlite3_stmt, StatementFinalizer> statement(rawStatement);
+        "COALESCE(json_extract(data, '$.cost'), 0), id, rowid, json_extract(data, '$.time.completed') IS NOT NULL "
+        "FROM message WHERE rowid >= ?3 AND time_created >= ?1 AND instr(data, ?2) > 0 "
+        "AND json_extract(data, '$.providerID') = ?2";
+    auto prepare = [&](const char* sql) -> std::unique_ptr<sqlite3_stmt, StatementFinalizer> {
+        sqlite3_stmt* s = nullptr;
+        if (sqlite3_prepare_v2(db.get(), sql, -1, &s, nullptr) != SQLITE_OK) return nullptr;
+        return std::unique_ptr<sqlite3_stmt, StatementFinalizer>(s);
+    };
+    auto statement = prepare(kQuery);
+    auto highest = prepare("SELECT max(rowid) FROM message");
+    if (!statement || !highest) return std::nullopt;
+    Query out;
+    if (sqlite3_step(highest.get()) != SQLITE_ROW) return std::nullopt;
+    out.maxRowid = sqlite3_column_int64(highest.get(), 0);
     sqlite3_bind_int64(statement.get(), 1, static_cast<sqlite3_int64>(toMillis(since)));
     sqlite3_bind_text(statement.get(), 2, providerID.data(), static_cast<int>(providerID.size()), SQLITE_TRANSIENT);
-    std::vector<GoCharge> out;
+    sqlite3_bind_int64(statement.get(), 3, fromRowid);
     while (true) {
         rc = sqlite3_step(statement.get());
         if (rc == SQLITE_DONE) break;
@@ -131,14 +160,81 @@ std::optional<std::vector<GoCharge>> charges(const fs::path& database, Date sinc
         double at = sqlite3_column_double(statement.get(), 0);
         double cost = sqlite3_column_double(statement.get(), 1);
         if (!std::isfinite(at) || !std::isfinite(cost) || cost < 0 || cost > 1e6 || at < 0 || at > 1e14) continue;
-        out.push_back({fromMillis(at), cost});
+        Row row;
+        if (auto id = sqlite3_column_text(statement.get(), 2)) row.id = reinterpret_cast<const char*>(id);
+        row.rowid = sqlite3_column_int64(statement.get(), 3);
+        row.complete = sqlite3_column_int(statement.get(), 4) != 0;
+        row.charge = {fromMillis(at), cost};
+        out.rows.push_back(std::move(row));
     }
     return out;
 }
 
-std::optional<GoUsage> read(const fs::path& database, const GoUsage::Caps& caps, Date now) {
+}  // namespace
+
+std::optional<std::vector<GoCharge>> charges(const fs::path& database, Date since, std::string_view providerID) {
+    auto q = query(database, since, 0, providerID);
+    if (!q) return std::nullopt;
+    std::vector<GoCharge> out;
+    for (const auto& r : q->rows) out.push_back(r.charge);
+    return out;
+}
+
+std::optional<std::vector<GoCharge>> ChargeLedger::charges(const fs::path& database, Date since, Date now) {
+    // The database and its write-ahead log as they stand: unchanged, nothing to read.
+    auto stamp = FileStamp::of(database);
+    auto wal = FileStamp::of(fs::path(database.string() + "-wal"));
+    if (!stamp) {
+        *this = ChargeLedger(tailRows_);
+        return std::nullopt;
+    }
+    bool unchanged = database_ == database && stamp_ == stamp && walStamp_ == wal && since >= since_;
+    bool replaced = database_ != database || !stamp_ || stamp_->inode != stamp->inode || stamp_->device != stamp->device;
+    bool due = now - lastFullRead_ >= kFullReadEvery || now < lastFullRead_;
+    if (!unchanged) {
+        // Read the last rows again (a message rewritten in place of the last
+        // one keeps its rowid), and from the oldest message that may still
+        // change (one not yet completed, created within the hour).
+        sqlite3_int64 from = std::max<sqlite3_int64>(0, maxRowid_ - tailRows_ + 1);
+        for (const auto& [id, row] : rows_) {
+            if (!row.complete && now - row.charge.at < std::chrono::hours(1)) from = std::min<sqlite3_int64>(from, row.rowid);
+        }
+        bool full = replaced || due || since < since_;
+        auto q = query(database, since, full ? 0 : from, kProviderID);
+        if (!q) return std::nullopt;
+        if (full || q->maxRowid < maxRowid_) {
+            if (!full) q = query(database, since, 0, kProviderID);  // rows went away: start over
+            if (!q) return std::nullopt;
+            rows_.clear();
+            lastFullRead_ = now;
+        } else {
+            // What was read again is replaced: a row that went from the tail is gone.
+            std::erase_if(rows_, [&](const auto& e) { return e.second.rowid >= from; });
+        }
+        for (const auto& r : q->rows) rows_[r.id] = Entry{r.rowid, r.charge, r.complete};
+        maxRowid_ = q->maxRowid;
+        database_ = database;
+        stamp_ = stamp;
+        walStamp_ = wal;
+        since_ = since;
+        ++reads_;
+    }
+    std::vector<GoCharge> out;
+    for (auto it = rows_.begin(); it != rows_.end();) {
+        // Charges older than the window are forgotten.
+        if (it->second.charge.at < since - std::chrono::hours(24)) {
+            it = rows_.erase(it);
+            continue;
+        }
+        out.push_back(it->second.charge);
+        ++it;
+    }
+    return out;
+}
+
+std::optional<GoUsage> read(const fs::path& database, const GoUsage::Caps& caps, Date now, ChargeLedger* ledger) {
     auto since = now - std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(kMonth));
-    auto list = charges(database, since);
+    auto list = ledger ? ledger->charges(database, since, now) : charges(database, since);
     if (!list) return std::nullopt;
     return GoUsage::from(*list, caps, now);
 }

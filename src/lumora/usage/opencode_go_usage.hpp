@@ -1,10 +1,13 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
+#include "lumora/platform/file_stamp.hpp"
 #include "lumora/usage/plan_usage.hpp"
 
 namespace lumora {
@@ -62,8 +65,39 @@ inline constexpr double kMonth = 30 * 86400.0;
 // The charges since `since`; nothing when the database is missing or cannot be read.
 std::optional<std::vector<GoCharge>> charges(const fs::path& database, Date since,
                                              std::string_view providerID = kProviderID);
-// The meter at `now`.
-std::optional<GoUsage> read(const fs::path& database, const GoUsage::Caps& caps, Date now);
+
+// The same charges, kept between reads so that a poll costs little on a big
+// database: nothing is read while the database and its log are unchanged,
+// and a changed one is read from the table's tail only (new messages, the
+// last rows, and those still running). Everything is read again every 15 minutes, and when
+// the file was replaced or rows went away. One caller at a time.
+class ChargeLedger {
+public:
+    // `tailRows`: how many of the last rows every read looks at again.
+    explicit ChargeLedger(long long tailRows = 256) : tailRows_(tailRows) {}
+    std::optional<std::vector<GoCharge>> charges(const fs::path& database, Date since, Date now);
+    // How many times the database was queried (tests and benchmarks).
+    long long reads() const { return reads_; }
+
+    static constexpr std::chrono::minutes kFullReadEvery{15};
+
+private:
+    struct Entry {
+        long long rowid = 0;
+        GoCharge charge;
+        bool complete = false;
+    };
+    long long tailRows_;
+    fs::path database_;
+    std::optional<FileStamp> stamp_, walStamp_;
+    std::map<std::string, Entry> rows_;  // by message id
+    long long maxRowid_ = 0;
+    Date since_{};
+    Date lastFullRead_{};
+    long long reads_ = 0;
+};
+// The meter at `now` (through `ledger` when given).
+std::optional<GoUsage> read(const fs::path& database, const GoUsage::Caps& caps, Date now, ChargeLedger* ledger = nullptr);
 // $LUMORA_OPENCODE_DB, else ~/.local/share/opencode/opencode.db.
 fs::path databasePath();
 // The read-only URI SQLite opens the database with.

@@ -46,14 +46,22 @@ std::string Pace::compact(double secs) {
     if (!std::isfinite(secs) || secs < 0) secs = 0;
     secs = std::min(secs, 1e10);
     long long minutes = std::max(1LL, static_cast<long long>(std::ceil(secs / 60)));
-    if (minutes < 60) return std::to_string(minutes) + "m";
-    if (minutes < 1440) {
-        std::string out = std::to_string(minutes / 60) + "h";
-        if (minutes % 60) out += " " + std::to_string(minutes % 60) + "m";
-        return out;
+    // Built by appending: GCC 12 warns falsely on `" " + std::to_string(...)` in optimised builds.
+    std::string out;
+    auto piece = [&](long long value, char unit) {
+        if (!out.empty()) out += ' ';
+        out += std::to_string(value);
+        out += unit;
+    };
+    if (minutes < 60) {
+        piece(minutes, 'm');
+    } else if (minutes < 1440) {
+        piece(minutes / 60, 'h');
+        if (minutes % 60) piece(minutes % 60, 'm');
+    } else {
+        piece(minutes / 1440, 'd');
+        if ((minutes % 1440) / 60) piece((minutes % 1440) / 60, 'h');
     }
-    std::string out = std::to_string(minutes / 1440) + "d";
-    if ((minutes % 1440) / 60) out += " " + std::to_string((minutes % 1440) / 60) + "h";
     return out;
 }
 

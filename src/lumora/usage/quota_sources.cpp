@@ -39,7 +39,7 @@ QuotaFetch OpenCodeGoQuotaSource::fetch(Date now, const std::atomic<bool>&) {
     f.probe.blocker = UsageBlocker::localOnly;
     auto db = database_.empty() ? OpenCodeGoUsage::databasePath() : database_;
     f.probe.source = db.string();
-    if (auto go = OpenCodeGoUsage::read(db, caps_ ? caps_() : GoUsage::Caps{}, now)) f.probe.usage = go->planUsage();
+    if (auto go = OpenCodeGoUsage::read(db, caps_ ? caps_() : GoUsage::Caps{}, now, &ledger_)) f.probe.usage = go->planUsage();
     return f;
 }
 

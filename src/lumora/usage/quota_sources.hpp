@@ -71,6 +71,7 @@ public:
 private:
     std::filesystem::path database_;
     CapsSource caps_;
+    OpenCodeGoUsage::ChargeLedger ledger_;
 };
 
 namespace QuotaSources {
