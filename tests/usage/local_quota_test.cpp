@@ -198,7 +198,7 @@ TEST(OpenCodeGoUsage, ALockedDatabaseIsGivenUpQuicklyAndNeverWritten) {
     exec(writer, "PRAGMA journal_mode=DELETE; BEGIN EXCLUSIVE; INSERT INTO message VALUES ('m2','s',1,1,'{}');");
     auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(OpenCodeGoUsage::read(file, {}, now), std::nullopt);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);  // the busy time-out, not a wait for the writer
     exec(writer, "ROLLBACK");
     sqlite3_close(writer);
     EXPECT_TRUE(OpenCodeGoUsage::read(file, {}, now));

@@ -229,9 +229,8 @@ TEST(UsageProbe, SlowHugeAndRefusedAnswersAreUnreachable) {
     // An answer slower than the time-out (shortened here from 12 s).
     reply.delay = 1s;
     env.timeout = 300ms;
-    auto started = std::chrono::steady_clock::now();
+    // (Had the time-out not fired, the late empty 200 would read as "no plan limits".)
     auto p = UsageService::probe(env, backoff, kNow);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 3s);
     EXPECT_EQ(p.blocker, UsageBlocker::unreachable);
     EXPECT_EQ(p.status, std::nullopt);
     EXPECT_TRUE(backoff.allows(HarnessProvider::claudeCode, kNow));  // a time-out is not a 429
@@ -262,9 +261,9 @@ TEST(UsageProbe, SlowHugeAndRefusedAnswersAreUnreachable) {
     reply.paddingBytes = 0;
     env.apiBase = server.url();
     std::atomic<bool> cancel{true};
-    started = std::chrono::steady_clock::now();
-    EXPECT_EQ(UsageService::probe(env, backoff, kNow, &cancel).blocker, UsageBlocker::unreachable);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 3s);
+    p = UsageService::probe(env, backoff, kNow, &cancel);
+    EXPECT_EQ(p.blocker, UsageBlocker::unreachable);
+    EXPECT_EQ(p.error, "cancelled");
 }
 
 TEST(UsageDoctor, PrintsLoginsWithSourceAndExpiryThenOneLinePerProvider) {
