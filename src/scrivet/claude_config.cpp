@@ -112,35 +112,40 @@ ContextTier contextTier(const fs::path& configFile, const std::string& cwd, std:
     });
 }
 
+std::optional<std::string> planLabel(const std::optional<std::string>& planType, const std::optional<std::string>& tier,
+                                     const std::optional<std::string>& secondTier) {
+    std::string tiers = tier.value_or("") + " " + secondTier.value_or("");
+    std::string plan;
+    if (planType && !planType->empty()) {
+        std::string type = *planType;
+        if (type.rfind("claude_", 0) == 0) type.erase(0, 7);
+        for (char& c : type)
+            if (c == '_') c = ' ';
+        if (!type.empty()) type[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(type[0])));
+        plan = type;
+    } else if (tiers.find("max") != std::string::npos) {
+        plan = "Max";
+    } else if (tiers.find("pro") != std::string::npos) {
+        plan = "Pro";
+    }
+    static const std::regex kMultiplier(R"((\d+)x)");
+    std::smatch m;
+    std::string multiplier;
+    for (const auto& t : {tier, secondTier}) {
+        if (t && std::regex_search(*t, m, kMultiplier)) {
+            multiplier = m.str(0);
+            break;
+        }
+    }
+    if (plan.empty() && multiplier.empty()) return std::nullopt;
+    if (plan.empty()) return multiplier;
+    return multiplier.empty() ? plan : plan + " " + multiplier;
+}
+
 std::optional<std::string> planLabel(const fs::path& configFile) {
     return withParsed(configFile, [](const Parsed& p) -> std::optional<std::string> {
         if (!p.hasAccount) return std::nullopt;
-        std::string tiers = p.userRateLimitTier.value_or("") + " " + p.organizationRateLimitTier.value_or("");
-        std::string plan;
-        if (p.organizationType) {
-            std::string type = *p.organizationType;
-            if (type.rfind("claude_", 0) == 0) type.erase(0, 7);
-            for (char& c : type)
-                if (c == '_') c = ' ';
-            if (!type.empty()) type[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(type[0])));
-            plan = type;
-        } else if (tiers.find("max") != std::string::npos) {
-            plan = "Max";
-        } else if (tiers.find("pro") != std::string::npos) {
-            plan = "Pro";
-        }
-        static const std::regex kMultiplier(R"((\d+)x)");
-        std::smatch m;
-        std::string multiplier;
-        for (const auto& tier : {p.userRateLimitTier, p.organizationRateLimitTier}) {
-            if (tier && std::regex_search(*tier, m, kMultiplier)) {
-                multiplier = m.str(0);
-                break;
-            }
-        }
-        if (plan.empty() && multiplier.empty()) return std::nullopt;
-        if (plan.empty()) return multiplier;
-        return multiplier.empty() ? plan : plan + " " + multiplier;
+        return planLabel(p.organizationType, p.userRateLimitTier, p.organizationRateLimitTier);
     });
 }
 

@@ -24,6 +24,14 @@ ContextTier contextTier(const std::filesystem::path& configFile, const std::stri
 // organisation type and rate-limit tiers; nothing when there is no login.
 std::optional<std::string> planLabel(const std::filesystem::path& configFile);
 
+// The same rule over the fields themselves: the plan type ("max",
+// "claude_team") capitalised, else "Max" or "Pro" found in a tier, followed by
+// the multiplier ("20x") cut out of the first tier that has one. A login's
+// "subscriptionType" and "rateLimitTier" go through it too.
+std::optional<std::string> planLabel(const std::optional<std::string>& planType,
+                                     const std::optional<std::string>& tier,
+                                     const std::optional<std::string>& secondTier = std::nullopt);
+
 // Forgets every cached file.
 void resetCache();
 

@@ -40,15 +40,16 @@ TEST(TerminalView, RowsKeysAndAnApprovalFromTheKeyboard) {
     TempHome home;
     Tmux tmux(80, 24, demoCommand(home));
     std::string s = tmux.waitFor("13 agents");
-    // Worst first: needs-you rows, then waiting, then working; the selection on the first.
-    int need = lineWith(s, "Needs you"), wait = lineWith(s, "Waiting for you");
-    EXPECT_EQ(need, 2);
-    EXPECT_GT(wait, need);
-    EXPECT_EQ(lineWith(s, "▸ ● Needs you       lumora · main"), 2);
+    // Under the tab line, the quota strip (three providers), then the rows
+    // worst first: needs-you rows, then waiting, then working; the selection on the first.
+    EXPECT_EQ(lineWith(s, "Claude · Max 20x"), 1);
+    int need = lineWith(s, "Needs you");
+    EXPECT_EQ(need, 5);
+    EXPECT_EQ(lineWith(s, "▸ ● Needs you       lumora · main"), 5);
     EXPECT_NE(lineWith(s, "[a] Approve  [d] Deny  [s] Allow git, npm this session"), -1);
     EXPECT_NE(lineWith(s, "Outside sandbox"), -1);
     EXPECT_NE(lineWith(s, "1 Pagefind   2 Algolia   3 Lunr   +1 more"), -1);
-    EXPECT_NE(lineWith(s, "↓ 8 more"), -1);  // thirteen rows, eight at a time
+    EXPECT_NE(lineWith(s, "↓ 10 more"), -1);  // thirteen rows, as many as fit
     EXPECT_EQ(lineWith(s, "q Quit"), 23);
 
     // Down moves the selection; Enter expands the row.
@@ -86,7 +87,7 @@ TEST(TerminalView, HelpResizeAndQuit) {
         std::this_thread::sleep_for(50ms);
     }
     ASSERT_GT(lines(s)[0].find("13 agents"), 100u) << s;
-    EXPECT_EQ(lineWith(s, "[a] Approve  [d] Deny  [s] Allow git, npm this session  [A] Always allow git, npm"), 6);
+    EXPECT_EQ(lineWith(s, "[a] Approve  [d] Deny  [s] Allow git, npm this session  [A] Always allow git, npm"), 9);
 
     tmux.keys("q");
     s = tmux.waitFor("exit status 0");
@@ -101,7 +102,7 @@ TEST(TerminalView, ColoursOffStillShowLabels) {
         EXPECT_NE(tmux.screen(true).find("38;5;"), std::string::npos);  // status colours
     }
     for (std::string env : {"NO_COLOR=1", "TERM=vt100"}) {
-        Tmux tmux(80, 24, demoCommand(home, env));
+        Tmux tmux(80, 40, demoCommand(home, env));
         std::string s = tmux.waitFor("13 agents");
         EXPECT_NE(lineWith(s, "Needs you"), -1) << env;
         EXPECT_NE(lineWith(s, "Waiting for you"), -1) << env;

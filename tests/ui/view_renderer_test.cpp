@@ -329,7 +329,7 @@ TEST(ViewRenderer, FitsEightyByTwentyFourAndSmallerScreensSafely) {
     }
     Frame f = view.frame(80, 24);
     EXPECT_NE(f.lines[0].text().find("13 agents"), std::string::npos);
-    EXPECT_NE(f.lines[2].text().find("Needs you"), std::string::npos);
+    EXPECT_NE(f.lines[5].text().find("Needs you"), std::string::npos);  // under the tab line and the quota strip
     EXPECT_NE(f.lines[23].text().find("Quit"), std::string::npos);
     EXPECT_NE(f.text().find("↓"), std::string::npos);  // thirteen rows scroll past the limit of eight
 

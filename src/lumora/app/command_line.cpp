@@ -11,6 +11,7 @@
 #include "lumora/app/run_commands.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/app/transcript_command.hpp"
+#include "lumora/app/usage_command.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
 
@@ -48,6 +49,9 @@ int run(int argc, char** argv) {
     app.add_flag("--scan", scan, "Scan once and print one line per session");
     app.add_flag("--json", json, "With --scan: print the sessions as JSON")->needs("--scan");
     app.add_flag("--no-ui", noUI, "Run the monitor and the hook bridge without a screen, printing status changes");
+    bool usageDoctor = false;
+    app.add_flag("--usage-doctor", usageDoctor,
+                 "Print the Claude logins found on this machine and one plan-usage line per provider");
     std::string transcript;
     app.add_option("--transcript", transcript,
                    "Print what the readers draw from one journal FILE (Claude Code, Codex, Cursor or a Kimi wire.jsonl)")
@@ -70,6 +74,7 @@ int run(int argc, char** argv) {
     if (removeApproval->count() > 0)
         return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
     if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
+    if (usageDoctor) return UsageCommand::doctor(std::cout, SettingsStore::shared().openCodeGoCaps());
 
     if (scan) return RunCommands::scan(json);
     HooksCommand::refreshAtStart();

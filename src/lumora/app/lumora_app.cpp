@@ -105,6 +105,13 @@ LumoraApp::LumoraApp()
         return canShow(provider, sessionId, gateId);
     });
     monitor_->setOnPublish([this] { published(); });
+
+    UsagePoller::Dependencies usage;
+    SettingsStore* settings = &settings_;
+    usage.sources = QuotaSources::standard([settings] { return settings->openCodeGoCaps(); });
+    usage.cache = &UsageSnapshotCache::shared();
+    usage_ = std::make_unique<UsagePoller>(std::move(usage));
+
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
 }
@@ -141,6 +148,7 @@ void LumoraApp::applySettings() {
     s.subagentsEnabled = settings_.subagentsEnabled();
     s.idleTimeoutMinutes = settings_.idleTimeoutMinutes();
     monitor_->setSettings(s);
+    usage_->setEnabled(settings_.usageEnabled());
     bridge_->setGating(gatingWanted_ && settings_.approveRuns());
 }
 
@@ -151,6 +159,7 @@ Status LumoraApp::start(bool gatingWanted) {
     monitor_->start();
     // Settings another process changes (a second terminal, a hand edit) apply while we run.
     settings_.watch(RunLoop::main());
+    usage_->start();
     started_ = true;
     return status;
 }
@@ -186,6 +195,7 @@ void LumoraApp::stop() {
     bridge_->setGating(false);
     bridge_->releaseAllGates();
     monitor_->stop();
+    usage_->stop();
     bridge_->stop();
 }
 
@@ -228,8 +238,15 @@ std::optional<std::string> AppBackend::choose(const ApprovalRequest& request, Ap
 
 void AppBackend::sawRow(const std::string& sessionId) { app_.monitor().sawRow(sessionId); }
 
-void AppBackend::setOnChange(std::function<void()> onChange) { app_.setOnPublish(std::move(onChange)); }
 
 std::optional<std::string> AppBackend::hooksProblem() const { return app_.hooksProblem(); }
+
+std::vector<QuotaReading> AppBackend::quotaReadings() const { return app_.usage().readings(); }
+std::optional<UsageAlert> AppBackend::usageAlert() const { return app_.usage().alert(); }
+
+void AppBackend::setOnChange(std::function<void()> onChange) {
+    app_.usage().setOnPublish(onChange);
+    app_.setOnPublish(std::move(onChange));
+}
 
 }  // namespace lumora

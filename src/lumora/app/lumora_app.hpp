@@ -17,12 +17,13 @@
 #include "lumora/monitor/sdk_sessions.hpp"
 #include "lumora/ui/view_backend.hpp"
 #include "lumora/ui/view_state.hpp"
+#include "lumora/usage/usage_poller.hpp"
 
 namespace lumora {
 
 // The long-lived services of one run, created once and wired together: the
-// monitor and its sources, the hook bridge, the approval rules and the
-// settings. Every front end (the terminal view, the headless run, the
+// monitor and its sources, the hook bridge, the approval rules, plan usage
+// and the settings. Every front end (the terminal view, the headless run, the
 // command-line scan) starts from here.
 class LumoraApp {
 public:
@@ -56,6 +57,8 @@ public:
     HookBridge& bridge() { return *bridge_; }
     ApprovalRulesStore& rules() { return rules_; }
     SettingsStore& settings() { return settings_; }
+    // Plan usage: polled while the app runs and "usageEnabled" is on.
+    UsagePoller& usage() { return *usage_; }
 
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridgeSnapshot& bridge);
@@ -72,6 +75,7 @@ private:
     std::unique_ptr<HookBridge> bridge_;
     std::unique_ptr<ProcessDiscovery> discovery_;
     std::unique_ptr<ClaudeMonitor> monitor_;
+    std::unique_ptr<UsagePoller> usage_;
     bool gatingWanted_ = false;
     bool started_ = false;
     std::function<void()> onPublish_;
@@ -96,6 +100,8 @@ public:
     std::vector<ApprovalChoice> approvalChoices(const ApprovalRequest& request) const override;
     std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) override;
     void sawRow(const std::string& sessionId) override;
+    std::vector<QuotaReading> quotaReadings() const override;
+    std::optional<UsageAlert> usageAlert() const override;
     void setOnChange(std::function<void()> onChange) override;
     std::optional<std::string> hooksProblem() const override;
 

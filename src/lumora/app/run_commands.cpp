@@ -16,6 +16,7 @@
 #include "lumora/base/log.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/hooks/hook_client.hpp"
+#include "lumora/app/usage_command.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/ui/terminal_app.hpp"
 
@@ -175,14 +176,28 @@ Json toJson(const AgentInstance& a) {
     return j;
 }
 
+Json scanJson(const std::vector<AgentInstance>& list, const Json& usage) {
+    Json out = Json::array();
+    for (const auto& a : list) {
+        Json j = toJson(a);
+        auto it = usage.is_object() ? usage.find(std::string(scrivet::rawValue(a.provider))) : usage.end();
+        j["planUsage"] = usage.is_object() && it != usage.end() ? *it : Json(nullptr);
+        out.push_back(std::move(j));
+    }
+    return out;
+}
+
 int scan(bool json) {
     LumoraApp app;
     // Read, never serve: the running app's hook state (or the saved one).
     app.readRunningHookState();
     auto list = rowOrder(app.monitor().scanOnce());
     if (json) {
-        Json out = Json::array();
-        for (const auto& a : list) out.push_back(toJson(a));
+        auto now = std::chrono::system_clock::now();
+        Json usage = Json::object();
+        if (app.settings().usageEnabled())
+            usage = UsageCommand::toJson(UsageCommand::currentReadings(now, app.settings().openCodeGoCaps()), now);
+        Json out = scanJson(list, usage);
         std::cout << JsonText::dump(out, 2) << "\n";  // invalid bytes replaced, never a throw
     } else {
         for (const auto& a : list) std::cout << scanLine(a) << "\n";
@@ -213,6 +228,14 @@ int headless() {
             lastToken = peek->token;
             printLine(timestamp(now) + "  peek " + (peek->done ? "done" : "needs you") + "  " + peek->projectName +
                       ": " + peek->ask);
+        }
+    });
+    long long lastUsageToken = 0;
+    app.usage().setOnPublish([&] {
+        if (const auto& alert = app.usage().alert(); alert && alert->token != lastUsageToken) {
+            lastUsageToken = alert->token;
+            std::cout << timestamp(std::chrono::system_clock::now()) << "  usage " << scrivet::displayName(alert->provider)
+                      << ": " << alert->text << std::endl;
         }
     });
     // Nobody can answer a prompt here: the agents show their own.

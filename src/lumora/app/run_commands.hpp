@@ -9,7 +9,8 @@
 // The ways to run the monitor from the command line.
 namespace lumora::RunCommands {
 
-// `lumora --scan [--json]`: one scan, one line (or one JSON object) per session.
+// `lumora --scan [--json]`: one scan, one line (or one JSON object) per
+// session; in JSON each session also carries its provider's plan usage.
 int scan(bool json);
 // `lumora --no-ui`: the monitor and the hook bridge without a screen, gating
 // off (every prompt goes back to the agent at once); prints one line per
@@ -23,5 +24,8 @@ int interactive();
 std::string scanLine(const AgentInstance& a);
 // Every field of a session, for `--scan --json`.
 nlohmann::ordered_json toJson(const AgentInstance& a);
+// The `--scan --json` array: every session's fields and, as "planUsage", its
+// provider's entry of `usage` (UsageCommand::toJson of the readings), or null.
+nlohmann::ordered_json scanJson(const std::vector<AgentInstance>& list, const nlohmann::ordered_json& usage);
 
 }  // namespace lumora::RunCommands

@@ -1,6 +1,7 @@
 #include "lumora/app/settings_store.hpp"
 
 #include <algorithm>
+#include <cmath>
 
 namespace lumora {
 
@@ -159,6 +160,18 @@ PanelMaterial SettingsStore::panelMaterial() const {
         if (rawValue(m) == raw) return m;
     }
     return PanelMaterial::smoked;
+}
+
+GoUsage::Caps SettingsStore::openCodeGoCaps() const {
+    GoUsage::Caps caps;
+    auto read = [&](const char* key, double& out) {
+        auto v = defaults_.real(key);
+        if (v && std::isfinite(*v) && *v > 0) out = *v;
+    };
+    read(kOpenCodeGoFiveHourCap, caps.fiveHour);
+    read(kOpenCodeGoWeeklyCap, caps.weekly);
+    read(kOpenCodeGoMonthlyCap, caps.monthly);
+    return caps;
 }
 
 std::string SettingsStore::usageLeftReadout() const { return defaults_.string(kUsageLeftReadout).value_or("remaining"); }

@@ -12,6 +12,7 @@
 #include "lumora/monitor/agent_display.hpp"
 #include "lumora/monitor/notch_state.hpp"
 #include "lumora/monitor/tab_layout.hpp"
+#include "lumora/usage/opencode_go_usage.hpp"
 
 namespace lumora {
 
@@ -54,6 +55,10 @@ public:
     static constexpr const char* kUsageLeftReadout = "usageLeftReadout";
     static constexpr const char* kUsageRightReadout = "usageRightReadout";
     static constexpr const char* kUsageWarnInColour = "usageWarnInColour";
+    // OpenCode Go's caps in dollars per rolling window (the plan's published limits by default).
+    static constexpr const char* kOpenCodeGoFiveHourCap = "openCodeGoFiveHourCap";
+    static constexpr const char* kOpenCodeGoWeeklyCap = "openCodeGoWeeklyCap";
+    static constexpr const char* kOpenCodeGoMonthlyCap = "openCodeGoMonthlyCap";
     static constexpr const char* kNotchDisplays = "notchDisplays";
     static constexpr const char* kPreferredDisplay = "preferredDisplay";  // legacy single display
     static constexpr const char* kNotchDisplaysMigrated = "notchDisplaysMigrated";
@@ -97,6 +102,8 @@ public:
     std::string usageLeftReadout() const;
     std::string usageRightReadout() const;
     bool usageWarnInColour() const;
+    // The OpenCode Go caps; a missing, zero, negative or non-number value takes the default.
+    GoUsage::Caps openCodeGoCaps() const;
     std::vector<std::string> notchDisplays() const;
     bool hasCompletedOnboarding() const;
 

@@ -194,6 +194,38 @@ DemoBackend::DemoBackend(Date now) {
         a.topic = "One-off data clean-up";
         add(a);
     }
+
+    // The quota strip: Claude spending faster than its five hours allow,
+    // Codex read from a rollout 47 minutes old (drawn stale), OpenCode Go
+    // added up from its charges.
+    {
+        QuotaReading claude;
+        claude.provider = HarnessProvider::claudeCode;
+        claude.fetchedAt = now - 40s;
+        claude.usage.planName = "Max 20x";
+        claude.usage.detail = "extra usage $4.20 of $50";
+        claude.usage.windows = {
+            {62, now + 2h + 30min, kFiveHours, "5h", "5-hour limit", false, false},
+            {41, now + 3 * 24h + 5h, kOneWeek, "7d", "7-day limit", false, false},
+            {12, now + 3 * 24h + 5h, kOneWeek, "Opus", "Opus weekly", false, true}};
+        quotas_.push_back(claude);
+        QuotaReading codex;
+        codex.provider = HarnessProvider::codex;
+        codex.fetchedAt = now - 47min;
+        codex.usage.planName = "Plus";
+        codex.usage.windows = {{23, now + 3h, kFiveHours, "5h", "5-hour limit", false, false},
+                               {9, now + 6 * 24h, kOneWeek, "7d", "7-day limit", false, false}};
+        quotas_.push_back(codex);
+        QuotaReading go;
+        go.provider = HarnessProvider::opencode;
+        go.fetchedAt = now - 20s;
+        go.blocker = UsageBlocker::localOnly;
+        go.usage.detail = "$15.00 in 30 days · 57 turns";
+        go.usage.windows = {{18, now + 4h, kFiveHours, "5h", "5-hour limit", false, false},
+                            {20, now + 5 * 24h, kOneWeek, "7d", "7-day limit", false, false},
+                            {25, now + 21 * 24h, 30 * 86400.0, "30d", "30-day limit", false, false}};
+        quotas_.push_back(go);
+    }
 }
 
 DemoBackend::~DemoBackend() {
@@ -277,6 +309,17 @@ bool DemoBackend::step(Date now) {
                 a->recentActivity.push_back({K::tool, "apply_patch src/extract/tokenize.py"});
                 a->summary = "Caching the tokenizer between batches";
                 a->lastActivity = now;
+            }
+            break;
+        case 5:
+            // OpenCode Go's five hours turn to run out before they reset.
+            for (auto& q : quotas_) {
+                if (q.provider != HarnessProvider::opencode) continue;
+                q.fetchedAt = now;
+                q.usage.windows[0].percentUsed = 71;
+                q.usage.windows[0].resetsAt = now + 2h;
+                usageAlert_ = UsageAlert{++usageToken_, q.provider, "5h",
+                                         "5-hour limit runs out in 1h 14m, before its reset in 2h"};
             }
             break;
         default: return false;

@@ -32,6 +32,8 @@ public:
     std::vector<ApprovalChoice> approvalChoices(const ApprovalRequest& request) const override;
     std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) override;
     void sawRow(const std::string& sessionId) override;
+    std::vector<QuotaReading> quotaReadings() const override { return quotas_; }
+    std::optional<UsageAlert> usageAlert() const override { return usageAlert_; }
     void setOnChange(std::function<void()> onChange) override { onChange_ = std::move(onChange); }
 
     // The "always" rules made so far, as "head:<head>" keys.
@@ -53,6 +55,9 @@ private:
     std::map<std::string, std::set<std::string>> sessionRules_;
     std::optional<PeekEvent> peek_;
     long long peekToken_ = 0;
+    std::vector<QuotaReading> quotas_;
+    std::optional<UsageAlert> usageAlert_;
+    long long usageToken_ = 0;
     int step_ = 0;
     std::function<void()> onChange_;
     RunLoop* loop_ = nullptr;

@@ -9,6 +9,7 @@
 #include "lumora/approvals/approval_request.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 #include "lumora/monitor/peek_event.hpp"
+#include "lumora/usage/quota_reading.hpp"
 
 namespace lumora {
 
@@ -48,6 +49,12 @@ public:
     // A standing problem the status line shows while there is no other news
     // ("Hooks not listening: <why>"), if any.
     virtual std::optional<std::string> hooksProblem() const { return std::nullopt; }
+
+    // The plan-usage readings for the quota strip, in provider order; empty
+    // while plan usage is off or nothing has been read yet.
+    virtual std::vector<QuotaReading> quotaReadings() const { return {}; }
+    // The latest quota alert, if any (its token tells a new one from an old one).
+    virtual std::optional<UsageAlert> usageAlert() const { return std::nullopt; }
 
     // Called (on the main loop) whenever anything above may have changed.
     virtual void setOnChange(std::function<void()> onChange) = 0;

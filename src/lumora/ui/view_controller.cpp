@@ -49,6 +49,15 @@ void ViewController::refresh() {
     } else if (lastPeekToken_ < 0) {
         lastPeekToken_ = 0;
     }
+    // A quota alert shows the same way; one raised before the view opened is old news too.
+    long long usageToken = model_.usageAlert ? model_.usageAlert->token : 0;
+    if (lastUsageToken_ >= 0 && model_.usageAlert && usageToken != lastUsageToken_) {
+        const auto& u = *model_.usageAlert;
+        note(std::string(scrivet::displayName(u.provider)) + ": " + u.text, AgentStatus::waiting);
+        state_.note->quota = true;
+        if (model_.settings.soundEnabled) bell_ = true;
+    }
+    lastUsageToken_ = usageToken;
     ViewNav::reconcile(state_, ViewNav::rows(model_, state_));
 }
 

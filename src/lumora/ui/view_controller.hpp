@@ -62,6 +62,7 @@ private:
     ViewModel model_;
     ViewState state_;
     long long lastPeekToken_ = -1;
+    long long lastUsageToken_ = -1;
     bool bell_ = false;
     int pageRows_ = 8;
     std::optional<ShownCommand> selectedCommand_;  // the selected row's command as the last frame drew it

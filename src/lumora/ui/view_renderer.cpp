@@ -358,6 +358,106 @@ std::vector<Line> rowLines(const AgentInstance& a, const ViewModel& m, const Vie
     return out;
 }
 
+// One window of the quota strip, as pieces that can be dropped when the line is short.
+struct WindowPieces {
+    std::vector<Span> core;     // label, gauge and what is left
+    std::vector<Span> reset;    // "↻2h 10m"
+    std::vector<Span> verdict;  // "runs out in 1h 30m", "on pace"
+    bool behind = false;
+    bool modelScoped = false;
+};
+
+Role quotaRole(const PlanUsage::Window& w) {
+    double left = w.percentLeft();
+    if (w.isDepleted() || left <= 10 || w.isCritical) return Role::alert;
+    if (left <= 25) return Role::waiting;
+    return Role::working;
+}
+
+WindowPieces windowPieces(const QuotaReading& r, const PlanUsage::Window& raw, Date now, bool stale) {
+    WindowPieces p;
+    auto w = r.shown(raw, now);
+    p.modelScoped = w.isModelScoped;
+    Style plain = stale ? muted() : Style{};
+    Style hue = stale ? muted() : role(quotaRole(w));
+    p.core.push_back({concat({sanitize(w.label), " "}), plain});
+    p.core.push_back({concat({quotaGauge(w.percentLeft(), kQuotaGaugeCells), " "}), hue});
+    p.core.push_back({percentLeftText(w), hue});
+    if (w.resetsAt) {
+        double in = std::chrono::duration<double>(*w.resetsAt - now).count();
+        p.reset.push_back({concat({" ↻", Pace::compact(in)}), muted()});
+    }
+    if (w.isDepleted()) {
+        p.behind = true;
+        p.verdict.push_back({" used up", stale ? muted() : role(Role::alert, true)});
+    } else if (auto pace = r.pace(raw, now)) {
+        p.behind = pace->verdict.kind == PaceEstimate::Kind::behind;
+        Style st = p.behind ? role(Role::alert, true) : pace->verdict.kind == PaceEstimate::Kind::onTrack ? role(Role::waiting) : muted();
+        p.verdict.push_back({concat({" ", pace->label()}), st});
+    }
+    return p;
+}
+
+// One provider's line of the quota strip: its plan label, then each window's
+// gauge and what is left, its reset and its pace, fitted to `width` by
+// dropping the least useful pieces first.
+Line quotaLine(const QuotaReading& r, const ViewModel& m, int labelWidth, int width) {
+    bool stale = r.isStale(m.now);
+    Line head;
+    head.add(" ");
+    head.add(padText(sanitize(r.label()), labelWidth), stale ? muted() : role(providerRole(r.provider), true));
+    std::vector<WindowPieces> windows;
+    for (const auto& w : r.usage.windows) windows.push_back(windowPieces(r, w, m.now, stale));
+    std::vector<Span> tail;
+    if (stale) {
+        double age = std::chrono::duration<double>(m.now - r.fetchedAt).count();
+        tail.push_back({concat({"  · ", Pace::compact(age), " ago"}), muted()});
+    }
+    // Pieces go, least useful first, until the line fits: calm verdicts,
+    // resets, model-scoped windows, all but the first overrun, the gauges,
+    // the age of a stale reading; what still does not fit is cut.
+    for (int level = 0; level <= 6; ++level) {
+        Line l = head;
+        bool firstBehind = true;
+        for (const auto& p : windows) {
+            if (level >= 3 && p.modelScoped) continue;
+            l.add("  ");
+            for (size_t i = 0; i < p.core.size(); ++i) {
+                if (i == 1 && level >= 5) continue;  // the gauge
+                l.spans.push_back(p.core[i]);
+            }
+            if (level < 2)
+                for (const auto& s : p.reset) l.spans.push_back(s);
+            bool verdict = level < 1 || (p.behind && (level < 4 || firstBehind));
+            if (p.behind && !p.verdict.empty()) firstBehind = false;
+            if (verdict)
+                for (const auto& s : p.verdict) l.spans.push_back(s);
+        }
+        if (level < 6)
+            for (const auto& s : tail) l.spans.push_back(s);
+        if (l.width() <= width || level == 6) {
+            if (stale)
+                for (auto& s : l.spans) s.style.dim = true;
+            clip(l, width);
+            return l;
+        }
+    }
+    return head;
+}
+
+std::vector<Line> quotaStrip(const ViewModel& m, int width, int maxLines) {
+    std::vector<Line> out;
+    int labelWidth = 0;
+    for (const auto& r : m.quotas) labelWidth = std::max(labelWidth, displayWidth(sanitize(r.label())));
+    labelWidth = std::min(labelWidth, 20);
+    for (const auto& r : m.quotas) {
+        if (static_cast<int>(out.size()) >= maxLines) break;
+        if (r.usage.windows.empty()) continue;
+        out.push_back(quotaLine(r, m, labelWidth, width));
+    }
+    return out;
+}
+
 Line headerLine(const ViewModel& m, const std::vector<AgentInstance>& rows, int width) {
     Line l;
     l.add(" lumora ", role(Role::title, true)).add(" ");
@@ -412,8 +512,9 @@ Line statusLine(const ViewModel& m, const ViewState& s, int width) {
     Line l;
     if (s.note) {
         l.add(" ");
-        l.add(s.note->done ? "✓ " : "● ", role(statusRole(s.note->status), true));
-        l.add(oneLine(s.note->text), role(statusRole(s.note->status)));
+        Role r = s.note->quota ? Role::alert : statusRole(s.note->status);
+        l.add(s.note->done ? "✓ " : s.note->quota ? "◔ " : "● ", role(r, true));
+        l.add(oneLine(s.note->text), role(r));
     } else if (m.problem) {
         l.add(" ");
         l.add("! ", role(statusRole(AgentStatus::waiting), true));
@@ -451,6 +552,8 @@ std::vector<Line> helpLines() {
         out.push_back(l);
     }
     out.push_back(Line{}.add("   ~ after a context size: the window was guessed from the model name", muted()));
+    out.push_back(Line{}.add("   Quota strip: what is left of each plan window, ↻ the time to its reset, and the pace;", muted()));
+    out.push_back(Line{}.add("   a reading older than 30 minutes is dimmed and never projects an overrun", muted()));
     return out;
 }
 
@@ -535,6 +638,15 @@ std::string contextText(const AgentInstance& a, int cells) {
     return bar + " " + count;
 }
 
+std::string quotaGauge(double percentLeft, int cells) {
+    double fraction = std::clamp(std::isfinite(percentLeft) ? percentLeft / 100.0 : 0.0, 0.0, 1.0);
+    int filled = std::clamp(static_cast<int>(std::lround(fraction * cells)), 0, cells);
+    if (filled == 0 && fraction > 0) filled = 1;
+    std::string bar;
+    for (int i = 0; i < cells; ++i) bar += i < filled ? "█" : "░";
+    return bar;
+}
+
 std::string approvalLine(const ApprovalRequest& request) {
     std::string tool = request.toolName.empty() ? "Tool" : sanitize(request.toolName);
     if (!request.detail || request.detail->empty()) return tool;
@@ -558,8 +670,11 @@ Frame render(const ViewModel& model, const ViewState& state, int width, int heig
     Columns cols(width);
     auto rows = ViewNav::rows(model, state);
     f.lines.push_back(headerLine(model, rows, width));
+    // The quota strip never squeezes the list below three lines.
+    auto strip = quotaStrip(model, width, std::max(0, height - 4 - 3));
+    for (auto& l : strip) f.lines.push_back(std::move(l));
     f.lines.push_back(columnHeader(width, cols));
-    int listLines = height - 4;
+    int listLines = height - 4 - static_cast<int>(strip.size());
 
     std::vector<Line> list;
     if (state.helpShown) {

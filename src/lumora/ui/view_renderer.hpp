@@ -23,6 +23,9 @@ std::string providerInitials(HarnessProvider p);
 // The context column: a gauge of `cells` blocks and the token count, "~"
 // marking a window size guessed from the model name ("████░░ 42k~").
 std::string contextText(const AgentInstance& a, int cells);
+// A quota window's gauge: `cells` blocks filled by what is left ("███░░").
+std::string quotaGauge(double percentLeft, int cells);
+inline constexpr int kQuotaGaugeCells = 5;
 // What an approval asks for on one line, every character shown: "Bash: git status && npm test".
 std::string approvalLine(const ApprovalRequest& request);
 

@@ -10,6 +10,8 @@ ViewModel ViewModel::read(const ViewBackend& backend, const ViewSettings& settin
     m.unseen = backend.unseenCompletions();
     m.acknowledged = backend.acknowledgedAttention();
     m.peek = backend.peekEvent();
+    m.quotas = backend.quotaReadings();
+    m.usageAlert = backend.usageAlert();
     for (const auto& a : m.instances) {
         if (a.approval) m.choices[a.id] = backend.approvalChoices(*a.approval);
     }

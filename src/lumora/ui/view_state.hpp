@@ -31,6 +31,8 @@ struct ViewModel {
     AgentDisplay::IdSet acknowledged;      // needs-you rows already looked at
     std::optional<PeekEvent> peek;
     std::map<std::string, std::vector<ApprovalChoice>> choices;  // an approval's buttons, by session id
+    std::vector<QuotaReading> quotas;       // the quota strip, in provider order
+    std::optional<UsageAlert> usageAlert;   // the latest quota alert
     ViewSettings settings;
     std::optional<std::string> problem;  // shown in the status line when no note is
     Date now{};
@@ -52,6 +54,7 @@ struct StatusNote {
     AgentStatus status = AgentStatus::waiting;  // its colour
     bool done = false;                           // a finished turn rather than a need
     Date until{};
+    bool quota = false;                          // a quota alert (drawn in the alert colour)
     bool operator==(const StatusNote&) const = default;
 };
 
