@@ -204,10 +204,10 @@ private:
     // A tool result's or a file's size: mostly small, sometimes large.
     size_t payloadSize() {
         double r = uniform();
-        if (r < 0.70) return static_cast<size_t>(range(200, 6'000));
-        if (r < 0.92) return static_cast<size_t>(range(6'000, 60'000));
-        if (r < 0.99) return static_cast<size_t>(range(60'000, 600'000));
-        return static_cast<size_t>(range(600'000, 3'000'000));
+        if (r < 0.75) return static_cast<size_t>(range(200, 4'000));
+        if (r < 0.95) return static_cast<size_t>(range(4'000, 40'000));
+        if (r < 0.995) return static_cast<size_t>(range(40'000, 400'000));
+        return static_cast<size_t>(range(400'000, 2'500'000));
     }
 
     // JSON-string-safe text with the escapes, words and false leads of real output.

@@ -76,6 +76,8 @@ LumoraApp::LumoraApp()
     deps.hooks = [bridge](Date now) { return hookSnapshot(*bridge, now); };
     deps.lowPowerMode = [] { return PowerState::lowPowerMode(); };
     monitor_ = std::make_unique<ClaudeMonitor>(std::move(deps));
+    spend_ = std::make_unique<SpendService>(SpendStore::shared(), ModelPricing::shared(), SpendScanner::defaultRoots(),
+                                            RunLoop::main(), &defaults_);
     // With tracing on, new journal shapes are noted beside the trace.
     if (const char* trace = std::getenv("LUMORA_DEBUG_LOG"); trace && *trace)
         scrivet::ClaudeTranscriptReader::setDiagnosticLogDirectory(Paths::supportFolder());
@@ -107,6 +109,7 @@ void LumoraApp::start(bool gatingWanted) {
     applySettings();
     bridge_->start();
     monitor_->start();
+    spend_->start();
     started_ = true;
 }
 
@@ -116,6 +119,7 @@ void LumoraApp::stop() {
     // Nobody is left to answer: every held prompt goes back to the agent.
     bridge_->setGating(false);
     bridge_->releaseAllGates();
+    spend_->stop();
     monitor_->stop();
     bridge_->stop();
 }
@@ -159,6 +163,11 @@ std::optional<std::string> AppBackend::choose(const ApprovalRequest& request, Ap
 
 void AppBackend::sawRow(const std::string& sessionId) { app_.monitor().sawRow(sessionId); }
 
-void AppBackend::setOnChange(std::function<void()> onChange) { app_.monitor().setOnPublish(std::move(onChange)); }
+void AppBackend::setOnChange(std::function<void()> onChange) {
+    app_.spend().setOnUpdate(onChange);
+    app_.monitor().setOnPublish(std::move(onChange));
+}
+
+std::optional<SpendSummary> AppBackend::spendSummary() const { return app_.spend().summary(); }
 
 }  // namespace lumora

@@ -12,14 +12,16 @@
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
+#include "lumora/spend/spend_service.hpp"
 #include "lumora/ui/view_backend.hpp"
 #include "lumora/ui/view_state.hpp"
 
 namespace lumora {
 
 // The long-lived services of one run, created once and wired together: the
-// monitor and its sources, the hook bridge, the approval rules and the
-// settings. Every front end (the terminal view, the headless run, the
+// monitor and its sources, the hook bridge, the approval rules, the
+// settings and the spend figures (scanned on a queue of their own, never on
+// the monitor's). Every front end (the terminal view, the headless run, the
 // command-line scan) starts from here.
 class LumoraApp {
 public:
@@ -37,6 +39,7 @@ public:
     HookBridge& bridge() { return *bridge_; }
     ApprovalRulesStore& rules() { return rules_; }
     SettingsStore& settings() { return settings_; }
+    SpendService& spend() { return *spend_; }
 
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridge& bridge, Date now);
@@ -50,6 +53,7 @@ private:
     std::unique_ptr<HookBridge> bridge_;
     std::unique_ptr<ProcessDiscovery> discovery_;
     std::unique_ptr<ClaudeMonitor> monitor_;
+    std::unique_ptr<SpendService> spend_;
     bool gatingWanted_ = false;
     bool started_ = false;
 };
@@ -71,6 +75,7 @@ public:
     std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) override;
     void sawRow(const std::string& sessionId) override;
     void setOnChange(std::function<void()> onChange) override;
+    std::optional<SpendSummary> spendSummary() const override;
 
 private:
     LumoraApp& app_;

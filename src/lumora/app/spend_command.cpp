@@ -15,6 +15,8 @@ namespace lumora::SpendCommand {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using SpendText::compactTokens;
+using SpendText::dollars;
 
 std::string grouped(int64_t n) {
     std::string digits = std::to_string(n < 0 ? -n : n);
@@ -83,27 +85,6 @@ void section(std::ostringstream& out, const char* title, const SpendHistory& h, 
 }
 
 }  // namespace
-
-std::string compactTokens(int64_t n) {
-    char buf[32];
-    double v = static_cast<double>(n);
-    if (n < 1'000) std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(n));
-    else if (n < 1'000'000) std::snprintf(buf, sizeof buf, "%.1fk", v / 1e3);
-    else if (n < 1'000'000'000) std::snprintf(buf, sizeof buf, "%.1fM", v / 1e6);
-    else std::snprintf(buf, sizeof buf, "%.2fB", v / 1e9);
-    return buf;
-}
-
-std::string dollars(double cost) {
-    if (cost > 0 && cost < 0.005) return "<$0.01";
-    char buf[48];
-    std::snprintf(buf, sizeof buf, "$%.2f", cost);
-    std::string s(buf);
-    // Thousands separators for the dollars.
-    size_t dot = s.find('.');
-    for (size_t i = dot; i > 4; i -= 3) s.insert(i - 3, ",");
-    return s;
-}
 
 Json toJson(const SpendHistory& h) {
     Json j;

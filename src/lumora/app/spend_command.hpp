@@ -23,9 +23,4 @@ nlohmann::ordered_json toJson(const SpendHistory& h);
 // The text report of the three ranges.
 std::string text(const SpendHistory& today, const SpendHistory& week, const SpendHistory& month, Date now);
 
-// "950", "12.3k", "1.2M", "3.45B".
-std::string compactTokens(int64_t tokens);
-// "$12.34", "<$0.01", "$0.00".
-std::string dollars(double cost);
-
 }  // namespace lumora::SpendCommand

@@ -287,7 +287,8 @@ std::optional<ModelRates> ModelPricing::rates(std::string_view model) {
     return found;
 }
 
-std::vector<std::string> ModelPricing::refresh(bool force, std::chrono::seconds maxAge) {
+std::vector<std::string> ModelPricing::refresh(bool force, std::chrono::seconds maxAge,
+                                               const std::atomic<bool>* cancel) {
     std::vector<Source> sources;
     std::vector<bool> cacheUsable;
     {
@@ -312,7 +313,7 @@ std::vector<std::string> ModelPricing::refresh(bool force, std::chrono::seconds 
         }
         // A cached copy that does not parse must not be kept alive by a 304.
         PriceFetcher::Validator validator = cacheUsable[i] ? readValidator(file) : PriceFetcher::Validator{};
-        auto result = PriceFetcher::fetch(source.url, validator);
+        auto result = PriceFetcher::fetch(source.url, validator, {}, cancel);
         std::optional<RateTable> parsed;
         if (result.outcome == PriceFetcher::Result::Outcome::fresh) {
             parsed = source.parse(result.body);

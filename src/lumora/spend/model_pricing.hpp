@@ -65,7 +65,9 @@ public:
     // "<name>: fresh (fetched …)", "<name>: unchanged (304)", "<name>: fetch
     // failed (kept cache)", or "<name>: cached (…)" when it was left alone.
     // Blocks on the network: never call it where a user waits for a report.
-    std::vector<std::string> refresh(bool force = false, std::chrono::seconds maxAge = std::chrono::seconds(86'400));
+    // `*cancel`, when given and set, ends the fetches early (as failures).
+    std::vector<std::string> refresh(bool force = false, std::chrono::seconds maxAge = std::chrono::seconds(86'400),
+                                     const std::atomic<bool>* cancel = nullptr);
 
     // Bumped whenever the table changes, so a holder of prices knows to look again.
     uint64_t generation() const { return generation_.load(); }

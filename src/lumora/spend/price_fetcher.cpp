@@ -52,6 +52,11 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
     return size * count;
 }
 
+int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    auto* cancel = static_cast<const std::atomic<bool>*>(user);
+    return cancel && cancel->load() ? 1 : 0;
+}
+
 void globalInit() {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -59,7 +64,8 @@ void globalInit() {
 
 }  // namespace
 
-Result fetch(const std::string& url, const Validator& validator, const Limits& limits) {
+Result fetch(const std::string& url, const Validator& validator, const Limits& limits,
+             const std::atomic<bool>* cancel) {
     globalInit();
     Result result;
     std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
@@ -92,6 +98,11 @@ Result fetch(const std::string& url, const Validator& validator, const Limits& l
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &t);
     curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, onHeader);
     curl_easy_setopt(c, CURLOPT_HEADERDATA, &t);
+    if (cancel) {
+        curl_easy_setopt(c, CURLOPT_NOPROGRESS, 0L);
+        curl_easy_setopt(c, CURLOPT_XFERINFOFUNCTION, onProgress);
+        curl_easy_setopt(c, CURLOPT_XFERINFODATA, cancel);
+    }
 
     CURLcode code = curl_easy_perform(c);
     if (code != CURLE_OK) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <optional>
@@ -30,7 +31,9 @@ struct Limits {
     size_t maxBytes = 64u << 20;
 };
 
-// Fetches `url` (http or https only), following redirects.
-Result fetch(const std::string& url, const Validator& validator, const Limits& limits = {});
+// Fetches `url` (http or https only), following redirects. Setting `*cancel`
+// ends a transfer (or a name lookup) in progress as a failure.
+Result fetch(const std::string& url, const Validator& validator, const Limits& limits = {},
+             const std::atomic<bool>* cancel = nullptr);
 
 }  // namespace lumora::PriceFetcher

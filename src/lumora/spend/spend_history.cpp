@@ -1,6 +1,7 @@
 #include "lumora/spend/spend_history.hpp"
 
 #include <algorithm>
+#include <cstdio>
 #include <set>
 
 #include "lumora/spend/local_calendar.hpp"
@@ -158,6 +159,31 @@ SpendSummary SpendSummary::build(const std::vector<SpendEntry>& entries, Date no
     }
     return s;
 }
+
+namespace SpendText {
+
+std::string compactTokens(int64_t n) {
+    char buf[32];
+    double v = static_cast<double>(n);
+    if (n < 1'000) std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(n));
+    else if (n < 1'000'000) std::snprintf(buf, sizeof buf, "%.1fk", v / 1e3);
+    else if (n < 1'000'000'000) std::snprintf(buf, sizeof buf, "%.1fM", v / 1e6);
+    else std::snprintf(buf, sizeof buf, "%.2fB", v / 1e9);
+    return buf;
+}
+
+std::string dollars(double cost) {
+    if (cost > 0 && cost < 0.005) return "<$0.01";
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "$%.2f", cost);
+    std::string s(buf);
+    // Thousands separators for the dollars.
+    size_t dot = s.find('.');
+    for (size_t i = dot; i > 4; i -= 3) s.insert(i - 3, ",");
+    return s;
+}
+
+}  // namespace SpendText
 
 namespace SpendTiles {
 

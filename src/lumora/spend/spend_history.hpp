@@ -108,6 +108,14 @@ struct SpendSummary {
     static SpendSummary build(const std::vector<SpendEntry>& entries, Date now);
 };
 
+// Spend figures as people read them.
+namespace SpendText {
+// "950", "12.3k", "1.2M", "3.45B".
+std::string compactTokens(int64_t tokens);
+// "$12.34", "$1,234.50", "<$0.01", "$0.00".
+std::string dollars(double cost);
+}  // namespace SpendText
+
 namespace SpendTiles {
 
 // The three summary tiles.

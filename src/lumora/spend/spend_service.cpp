@@ -96,6 +96,7 @@ SpendService::SpendService(SpendStore& store, ModelPricing& pricing, SpendScanne
 
 SpendService::~SpendService() {
     stop();
+    cancelled_ = true;
     alive_->store(false);
 }
 
@@ -105,7 +106,7 @@ void SpendService::start(std::chrono::steady_clock::duration interval) {
     auto refreshPrices = [this] {
         pricingQueue_.async([this] {
             uint64_t before = pricing_.generation();
-            for (const auto& line : pricing_.refresh(false)) spdlog::info("pricing: {}", line);
+            for (const auto& line : pricing_.refresh(false, std::chrono::hours(24), &cancelled_)) spdlog::info("pricing: {}", line);
             // New prices may price what was unpriced.
             if (pricing_.generation() != before) refreshNow();
         });
@@ -121,6 +122,7 @@ void SpendService::stop() {
 }
 
 void SpendService::refreshNow() {
+    if (cancelled_) return;
     {
         std::lock_guard lock(mutex_);
         if (scanQueued_) return;  // the queued scan will see this change too
@@ -130,6 +132,7 @@ void SpendService::refreshNow() {
 }
 
 void SpendService::scan() {
+    if (cancelled_) return;  // going away: no scan at shutdown
     {
         std::lock_guard lock(mutex_);
         scanQueued_ = false;

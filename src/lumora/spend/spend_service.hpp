@@ -58,6 +58,7 @@ private:
     std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
     RunLoop::TimerId scanTimer_ = 0, pricingTimer_ = 0;
     bool scanQueued_ = false;  // guarded by mutex_
+    std::atomic<bool> cancelled_{false};  // ends a price fetch when the service goes
     SerialQueue pricingQueue_{"lumora.pricing"};
     SerialQueue queue_{"lumora.spend"};
 };

@@ -33,6 +33,8 @@ public:
     std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) override;
     void sawRow(const std::string& sessionId) override;
     void setOnChange(std::function<void()> onChange) override { onChange_ = std::move(onChange); }
+    // Scripted figures for the strip.
+    std::optional<SpendSummary> spendSummary() const override;
 
     // The "always" rules made so far, as "head:<head>" keys.
     const std::set<std::string>& alwaysRules() const { return always_; }

@@ -9,6 +9,7 @@
 #include "lumora/approvals/approval_request.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 #include "lumora/monitor/peek_event.hpp"
+#include "lumora/spend/spend_history.hpp"
 
 namespace lumora {
 
@@ -44,6 +45,10 @@ public:
     virtual std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) = 0;
     // The user looked at a session's row (acknowledges a needs-you, sees a completion).
     virtual void sawRow(const std::string& sessionId) = 0;
+
+    // Today's token spend for the strip, when it is known (a front end
+    // without spend figures keeps the default).
+    virtual std::optional<SpendSummary> spendSummary() const { return std::nullopt; }
 
     // Called (on the main loop) whenever anything above may have changed.
     virtual void setOnChange(std::function<void()> onChange) = 0;

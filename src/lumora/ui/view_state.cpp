@@ -10,6 +10,7 @@ ViewModel ViewModel::read(const ViewBackend& backend, const ViewSettings& settin
     m.unseen = backend.unseenCompletions();
     m.acknowledged = backend.acknowledgedAttention();
     m.peek = backend.peekEvent();
+    m.spend = backend.spendSummary();
     for (const auto& a : m.instances) {
         if (a.approval) m.choices[a.id] = backend.approvalChoices(*a.approval);
     }

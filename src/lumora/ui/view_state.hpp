@@ -30,6 +30,7 @@ struct ViewModel {
     AgentDisplay::IdSet acknowledged;      // needs-you rows already looked at
     std::optional<PeekEvent> peek;
     std::map<std::string, std::vector<ApprovalChoice>> choices;  // an approval's buttons, by session id
+    std::optional<SpendSummary> spend;                             // today's tokens and dollars
     ViewSettings settings;
     Date now{};
 
