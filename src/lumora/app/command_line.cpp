@@ -9,6 +9,7 @@
 #include "lumora/base/log.hpp"
 #include "lumora/app/processes_command.hpp"
 #include "lumora/app/run_commands.hpp"
+#include "lumora/app/spend_command.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/app/transcript_command.hpp"
 #include "lumora/app/usage_command.hpp"
@@ -47,7 +48,10 @@ int run(int argc, char** argv) {
 
     bool scan = false, json = false, noUI = false;
     app.add_flag("--scan", scan, "Scan once and print one line per session");
-    app.add_flag("--json", json, "With --scan: print the sessions as JSON")->needs("--scan");
+    bool spend = false, pricingRefresh = false;
+    app.add_flag("--spend", spend, "Print today's, the week's and the month's token spend per agent");
+    app.add_flag("--pricing-refresh", pricingRefresh, "Fetch the public model price lists now");
+    app.add_flag("--json", json, "With --scan or --spend: print JSON");
     app.add_flag("--no-ui", noUI, "Run the monitor and the hook bridge without a screen, printing status changes");
     bool usageDoctor = false;
     app.add_flag("--usage-doctor", usageDoctor,
@@ -65,6 +69,10 @@ int run(int argc, char** argv) {
         return app.exit(e);
     }
     Log::toStderr();
+    if (json && !scan && !spend) {
+        std::cerr << "lumora: --json goes with --scan or --spend\n";
+        return 2;
+    }
 
     if (paths) return printPaths();
     if (HooksCommand::requested(hookFlags)) return HooksCommand::run(hookFlags, std::cout, std::cerr);
@@ -76,6 +84,8 @@ int run(int argc, char** argv) {
     if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
     if (usageDoctor) return UsageCommand::doctor(std::cout, SettingsStore::shared().openCodeGoCaps());
 
+    if (pricingRefresh) return SpendCommand::refreshPricing(std::cout);
+    if (spend) return SpendCommand::report(json, std::cout, std::cerr);
     if (scan) return RunCommands::scan(json);
     HooksCommand::refreshAtStart();
     if (noUI) return RunCommands::headless();

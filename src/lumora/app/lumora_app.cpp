@@ -94,6 +94,8 @@ LumoraApp::LumoraApp()
     deps.hooks = [bridge](Date now) { return hookSnapshot(bridge->snapshot(now)); };
     deps.lowPowerMode = [] { return PowerState::lowPowerMode(); };
     monitor_ = std::make_unique<ClaudeMonitor>(std::move(deps));
+    spend_ = std::make_unique<SpendService>(SpendStore::shared(), ModelPricing::shared(), SpendScanner::defaultRoots(),
+                                            RunLoop::main(), &defaults_);
     // With tracing on, new journal shapes are noted beside the trace.
     if (const char* trace = std::getenv("LUMORA_DEBUG_LOG"); trace && *trace)
         scrivet::ClaudeTranscriptReader::setDiagnosticLogDirectory(Paths::supportFolder());
@@ -160,6 +162,7 @@ Status LumoraApp::start(bool gatingWanted) {
     // Settings another process changes (a second terminal, a hand edit) apply while we run.
     settings_.watch(RunLoop::main());
     usage_->start();
+    spend_->start();
     started_ = true;
     return status;
 }
@@ -194,6 +197,7 @@ void LumoraApp::stop() {
     // Nobody is left to answer: every held prompt goes back to the agent.
     bridge_->setGating(false);
     bridge_->releaseAllGates();
+    spend_->stop();
     monitor_->stop();
     usage_->stop();
     bridge_->stop();
@@ -244,8 +248,11 @@ std::optional<std::string> AppBackend::hooksProblem() const { return app_.hooksP
 std::vector<QuotaReading> AppBackend::quotaReadings() const { return app_.usage().readings(); }
 std::optional<UsageAlert> AppBackend::usageAlert() const { return app_.usage().alert(); }
 
+std::optional<SpendSummary> AppBackend::spendSummary() const { return app_.spend().summary(); }
+
 void AppBackend::setOnChange(std::function<void()> onChange) {
     app_.usage().setOnPublish(onChange);
+    app_.spend().setOnUpdate(onChange);
     app_.setOnPublish(std::move(onChange));
 }
 

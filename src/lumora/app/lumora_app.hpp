@@ -15,6 +15,7 @@
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
+#include "lumora/spend/spend_service.hpp"
 #include "lumora/ui/view_backend.hpp"
 #include "lumora/ui/view_state.hpp"
 #include "lumora/usage/usage_poller.hpp"
@@ -22,8 +23,9 @@
 namespace lumora {
 
 // The long-lived services of one run, created once and wired together: the
-// monitor and its sources, the hook bridge, the approval rules, plan usage
-// and the settings. Every front end (the terminal view, the headless run, the
+// monitor and its sources, the hook bridge, the approval rules, plan usage,
+// the settings and the spend figures (scanned on a queue of their own, never
+// on the monitor's). Every front end (the terminal view, the headless run, the
 // command-line scan) starts from here.
 class LumoraApp {
 public:
@@ -59,6 +61,7 @@ public:
     SettingsStore& settings() { return settings_; }
     // Plan usage: polled while the app runs and "usageEnabled" is on.
     UsagePoller& usage() { return *usage_; }
+    SpendService& spend() { return *spend_; }
 
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridgeSnapshot& bridge);
@@ -76,6 +79,7 @@ private:
     std::unique_ptr<ProcessDiscovery> discovery_;
     std::unique_ptr<ClaudeMonitor> monitor_;
     std::unique_ptr<UsagePoller> usage_;
+    std::unique_ptr<SpendService> spend_;
     bool gatingWanted_ = false;
     bool started_ = false;
     std::function<void()> onPublish_;
@@ -104,6 +108,7 @@ public:
     std::optional<UsageAlert> usageAlert() const override;
     void setOnChange(std::function<void()> onChange) override;
     std::optional<std::string> hooksProblem() const override;
+    std::optional<SpendSummary> spendSummary() const override;
 
 private:
     LumoraApp& app_;

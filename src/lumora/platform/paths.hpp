@@ -27,6 +27,8 @@ fs::path hookStateFile();
 fs::path approvalsLog();
 fs::path logFile();
 fs::path spendCacheFile();
+// The cached public price lists and their validators (support folder/pricing).
+fs::path pricingFolder();
 
 // The agents' own folders.
 fs::path claudeHome();        // ~/.claude

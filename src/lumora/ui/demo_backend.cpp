@@ -374,4 +374,19 @@ void DemoBackend::sawRow(const std::string& sessionId) {
     if (change) changed();
 }
 
+std::optional<SpendSummary> DemoBackend::spendSummary() const {
+    SpendSummary s;
+    s.todayClaude = 1'912'400;
+    s.todayCodex = 486'150;
+    s.todayKimi = 23'551;
+    s.todayTokens = s.todayClaude + s.todayCodex + s.todayKimi;
+    s.todayClaudeCost = 6.91;
+    s.todayCodexCost = 0.87;
+    s.todayKimiCost = 0.07;
+    s.todayCost = s.todayClaudeCost + s.todayCodexCost + s.todayKimiCost;
+    s.todayNewTokens = 402'300;
+    s.comparisonSameTime = 2'104'000;
+    return s;
+}
+
 }  // namespace lumora::ui

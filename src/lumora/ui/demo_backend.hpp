@@ -35,6 +35,8 @@ public:
     std::vector<QuotaReading> quotaReadings() const override { return quotas_; }
     std::optional<UsageAlert> usageAlert() const override { return usageAlert_; }
     void setOnChange(std::function<void()> onChange) override { onChange_ = std::move(onChange); }
+    // Scripted figures for the strip.
+    std::optional<SpendSummary> spendSummary() const override;
 
     // The "always" rules made so far, as "head:<head>" keys.
     const std::set<std::string>& alwaysRules() const { return always_; }

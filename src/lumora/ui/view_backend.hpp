@@ -10,6 +10,7 @@
 #include "lumora/monitor/agent_instance.hpp"
 #include "lumora/monitor/peek_event.hpp"
 #include "lumora/usage/quota_reading.hpp"
+#include "lumora/spend/spend_history.hpp"
 
 namespace lumora {
 
@@ -55,6 +56,10 @@ public:
     virtual std::vector<QuotaReading> quotaReadings() const { return {}; }
     // The latest quota alert, if any (its token tells a new one from an old one).
     virtual std::optional<UsageAlert> usageAlert() const { return std::nullopt; }
+
+    // Today's token spend for the strip, when it is known (a front end
+    // without spend figures keeps the default).
+    virtual std::optional<SpendSummary> spendSummary() const { return std::nullopt; }
 
     // Called (on the main loop) whenever anything above may have changed.
     virtual void setOnChange(std::function<void()> onChange) = 0;

@@ -470,7 +470,15 @@ Line headerLine(const ViewModel& m, const std::vector<AgentInstance>& rows, int 
     }
     if (tab.hidden > 0) l.add(concat({"+", std::to_string(tab.hidden)}), muted()).add(" ");
     std::string sessions = AgentDisplay::sessionsLabel(m.instances, rows);
+    // Today's spend sits before the session count, when there is room for both.
+    std::string spend = m.spend ? spendText(*m.spend) : std::string();
     int room = width - l.width() - 1;
+    if (!spend.empty() && room >= displayWidth(spend) + 3 + displayWidth(sessions)) {
+        int spendRoom = room - displayWidth(sessions) - 3;
+        addRightAligned(l, spend, spendRoom, muted());
+        l.add("   ");
+        room = width - l.width() - 1;
+    }
     if (room > 0) addRightAligned(l, sessions, room, role(Role::normal, true));
     clip(l, width);
     finish(l, width);
@@ -611,6 +619,12 @@ std::string ageText(Date lastActivity, Date now) {
     if (secs < 3600) return std::to_string(secs / 60) + "m";
     if (secs < 86400) return std::to_string(secs / 3600) + "h";
     return std::to_string(secs / 86400) + "d";
+}
+
+std::string spendText(const SpendSummary& s) {
+    std::string cost = SpendText::dollars(s.todayCost);
+    if (!s.unpricedModels.empty()) cost = "≥" + cost;  // some tokens had no price
+    return "today " + SpendText::compactTokens(s.todayTokens) + " tok · " + cost;
 }
 
 std::string providerInitials(HarnessProvider p) {

@@ -18,6 +18,9 @@ Frame render(const ViewModel& model, const ViewState& state, int width, int heig
 
 // "now", "12m", "3h", "4d".
 std::string ageText(Date lastActivity, Date now);
+// Today's spend for the header strip: "today 1.2M tok · $3.40" ("≥$3.40"
+// when some model had no price).
+std::string spendText(const SpendSummary& s);
 // Two letters per provider for the tab's harness marks: "CC", "Cu", "Cx", "Ki", "OC".
 std::string providerInitials(HarnessProvider p);
 // The context column: a gauge of `cells` blocks and the token count, "~"

@@ -12,6 +12,7 @@ ViewModel ViewModel::read(const ViewBackend& backend, const ViewSettings& settin
     m.peek = backend.peekEvent();
     m.quotas = backend.quotaReadings();
     m.usageAlert = backend.usageAlert();
+    m.spend = backend.spendSummary();
     for (const auto& a : m.instances) {
         if (a.approval) m.choices[a.id] = backend.approvalChoices(*a.approval);
     }

@@ -33,6 +33,7 @@ struct ViewModel {
     std::map<std::string, std::vector<ApprovalChoice>> choices;  // an approval's buttons, by session id
     std::vector<QuotaReading> quotas;       // the quota strip, in provider order
     std::optional<UsageAlert> usageAlert;   // the latest quota alert
+    std::optional<SpendSummary> spend;                             // today's tokens and dollars
     ViewSettings settings;
     std::optional<std::string> problem;  // shown in the status line when no note is
     Date now{};

@@ -55,6 +55,7 @@ fs::path hookStateFile() { return supportFolder() / "hook-state.json"; }
 fs::path approvalsLog() { return supportFolder() / "approvals.log"; }
 fs::path logFile() { return supportFolder() / "lumora.log"; }
 fs::path spendCacheFile() { return supportFolder() / "spend-cache.json"; }
+fs::path pricingFolder() { return supportFolder() / "pricing"; }
 
 fs::path claudeHome() { return home() / ".claude"; }
 fs::path claudeConfigFile() { return home() / ".claude.json"; }
@@ -83,6 +84,7 @@ std::vector<Entry> all() {
         {"approvals log", approvalsLog()},
         {"log", logFile()},
         {"spend cache", spendCacheFile()},
+        {"price lists", pricingFolder()},
         {"claude home", claudeHome()},
         {"claude config", claudeConfigFile()},
         {"claude projects", claudeProjects()},
