@@ -5,6 +5,7 @@
 
 #include "lumora/app/approvals_command.hpp"
 #include "lumora/app/hooks_command.hpp"
+#include "lumora/app/jump_command.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/app/processes_command.hpp"
@@ -51,6 +52,9 @@ int run(int argc, char** argv) {
     std::string transcript;
     app.add_option("--transcript", transcript, "Print what the Claude reader draws from one journal FILE")
         ->option_text("FILE");
+    std::string jumpTo;
+    auto* jump = app.add_option("--jump", jumpTo, "Bring the terminal, pane or app of session ID to the front")
+                     ->option_text("SESSION_ID");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);
 
@@ -69,6 +73,7 @@ int run(int argc, char** argv) {
     if (removeApproval->count() > 0)
         return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
     if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
+    if (jump->count() > 0) return JumpCommand::run(jumpTo, std::cout, std::cerr);
 
     if (scan) return RunCommands::scan(json);
     HooksCommand::refreshAtStart();

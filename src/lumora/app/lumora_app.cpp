@@ -1,6 +1,7 @@
 #include "lumora/app/lumora_app.hpp"
 
 #include "lumora/app/approval_decision.hpp"
+#include "lumora/monitor/agent_jump.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
@@ -67,6 +68,12 @@ LumoraApp::LumoraApp()
     ClaudeMonitor::Dependencies deps;
     ProcessDiscovery* discovery = discovery_.get();
     deps.discover = [discovery] { return discovery->run(); };
+    // The desktop's sessions come first: a desktop session's titled row wins
+    // over the plain row of its `claude` process.
+    auto desktop = std::make_unique<DesktopSessionSource>(
+        DesktopSessionSource::Paths{Paths::claudeDesktopData(), Paths::claudeProjects(), Paths::claudeConfigFile()});
+    desktop_ = desktop.get();
+    deps.sources.push_back(std::move(desktop));
     deps.sources.push_back(std::make_unique<ClaudeSessionSource>(
         ClaudeSessionSource::Paths{Paths::claudeProjects(), Paths::claudeConfigFile(), Paths::claudeTempFolder()},
         SDKHostMemory::shared(), [discovery](const std::string& appId, const ProcessSnapshot& snapshot) {
@@ -99,7 +106,17 @@ void LumoraApp::applySettings() {
     s.subagentsEnabled = settings_.subagentsEnabled();
     s.idleTimeoutMinutes = settings_.idleTimeoutMinutes();
     monitor_->setSettings(s);
+    desktop_->setCoworkEnabled(settings_.coworkEnabled());
     bridge_->setGating(gatingWanted_ && settings_.approveRuns());
+}
+
+void LumoraApp::jump(const AgentInstance& session, std::function<void(std::vector<std::string>)> done) {
+    if (!jumps_) jumps_ = std::make_unique<SerialQueue>("lumora.jump");
+    auto target = jumpTarget(session);
+    jumps_->async([target, done = std::move(done)] {
+        auto result = JumpService::jump(target);
+        RunLoop::main().post([done, lines = std::move(result.lines)]() mutable { done(std::move(lines)); });
+    });
 }
 
 void LumoraApp::start(bool gatingWanted) {
@@ -158,6 +175,8 @@ std::optional<std::string> AppBackend::choose(const ApprovalRequest& request, Ap
 }
 
 void AppBackend::sawRow(const std::string& sessionId) { app_.monitor().sawRow(sessionId); }
+
+void AppBackend::jump(const AgentInstance& session, JumpDone done) { app_.jump(session, std::move(done)); }
 
 void AppBackend::setOnChange(std::function<void()> onChange) { app_.monitor().setOnPublish(std::move(onChange)); }
 

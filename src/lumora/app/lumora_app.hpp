@@ -9,7 +9,9 @@
 #include "lumora/app/settings_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
+#include "lumora/base/serial_queue.hpp"
 #include "lumora/monitor/claude_monitor.hpp"
+#include "lumora/monitor/desktop_session_source.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
 #include "lumora/ui/view_backend.hpp"
@@ -41,6 +43,10 @@ public:
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridge& bridge, Date now);
 
+    // Jumps to the session on the app's jump queue (one jump at a time) and
+    // hands the route lines to `done` on the main loop.
+    void jump(const AgentInstance& session, std::function<void(std::vector<std::string>)> done);
+
 private:
     void applySettings();
 
@@ -50,6 +56,8 @@ private:
     std::unique_ptr<HookBridge> bridge_;
     std::unique_ptr<ProcessDiscovery> discovery_;
     std::unique_ptr<ClaudeMonitor> monitor_;
+    DesktopSessionSource* desktop_ = nullptr;  // owned by the monitor
+    std::unique_ptr<SerialQueue> jumps_;
     bool gatingWanted_ = false;
     bool started_ = false;
 };
@@ -70,6 +78,7 @@ public:
     std::vector<ApprovalChoice> approvalChoices(const ApprovalRequest& request) const override;
     std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) override;
     void sawRow(const std::string& sessionId) override;
+    void jump(const AgentInstance& session, JumpDone done) override;
     void setOnChange(std::function<void()> onChange) override;
 
 private:

@@ -41,6 +41,10 @@ struct SessionObservation {
     // Background work (subagents, background shells) still out.
     bool backgroundActive = false;
 
+    // A Cowork session's folders, and the question it waits on.
+    std::vector<std::string> workspaceFolders;
+    std::optional<PendingQuestion> question;
+
     bool operator==(const SessionObservation&) const = default;
 };
 

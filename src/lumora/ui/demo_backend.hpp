@@ -32,6 +32,8 @@ public:
     std::vector<ApprovalChoice> approvalChoices(const ApprovalRequest& request) const override;
     std::optional<std::string> choose(const ApprovalRequest& request, ApprovalChoice::Kind kind) override;
     void sawRow(const std::string& sessionId) override;
+    // Demonstration rows never open anything real: the jump only says where it would go.
+    void jump(const AgentInstance& session, JumpDone done) override;
     void setOnChange(std::function<void()> onChange) override { onChange_ = std::move(onChange); }
 
     // The "always" rules made so far, as "head:<head>" keys.

@@ -45,6 +45,12 @@ public:
     // The user looked at a session's row (acknowledges a needs-you, sees a completion).
     virtual void sawRow(const std::string& sessionId) = 0;
 
+    // Brings the user to where the session runs (its pane, terminal window or
+    // app). Returns at once; `done` gets one line per route taken, on the
+    // main loop, once the jump has ended.
+    using JumpDone = std::function<void(std::vector<std::string> lines)>;
+    virtual void jump(const AgentInstance& session, JumpDone done) { done({"jumping is not available here"}); }
+
     // Called (on the main loop) whenever anything above may have changed.
     virtual void setOnChange(std::function<void()> onChange) = 0;
 };
