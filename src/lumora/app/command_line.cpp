@@ -5,6 +5,7 @@
 
 #include "lumora/app/approvals_command.hpp"
 #include "lumora/app/hooks_command.hpp"
+#include "lumora/app/jump_command.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/app/processes_command.hpp"
@@ -60,6 +61,9 @@ int run(int argc, char** argv) {
     app.add_option("--transcript", transcript,
                    "Print what the readers draw from one journal FILE (Claude Code, Codex, Cursor or a Kimi wire.jsonl)")
         ->option_text("FILE");
+    std::string jumpTo;
+    auto* jump = app.add_option("--jump", jumpTo, "Bring the terminal, pane or app of session ID to the front")
+                     ->option_text("SESSION_ID");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);
 
@@ -83,6 +87,7 @@ int run(int argc, char** argv) {
         return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
     if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
     if (usageDoctor) return UsageCommand::doctor(std::cout, SettingsStore::shared().openCodeGoCaps());
+    if (jump->count() > 0) return JumpCommand::run(jumpTo, std::cout, std::cerr);
 
     if (pricingRefresh) return SpendCommand::refreshPricing(std::cout);
     if (spend) return SpendCommand::report(json, std::cout, std::cerr);

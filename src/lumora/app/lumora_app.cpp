@@ -1,6 +1,7 @@
 #include "lumora/app/lumora_app.hpp"
 
 #include "lumora/app/approval_decision.hpp"
+#include "lumora/monitor/agent_jump.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
 #include "lumora/monitor/codex_session_source.hpp"
 #include "lumora/monitor/cursor_session_source.hpp"
@@ -74,6 +75,12 @@ LumoraApp::LumoraApp()
     ClaudeMonitor::Dependencies deps;
     ProcessDiscovery* discovery = discovery_.get();
     deps.discover = [discovery] { return discovery->run(); };
+    // The desktop's sessions come first: a desktop session's titled row wins
+    // over the plain row of its `claude` process.
+    auto desktop = std::make_unique<DesktopSessionSource>(
+        DesktopSessionSource::Paths{Paths::claudeDesktopData(), Paths::claudeProjects(), Paths::claudeConfigFile()});
+    desktop_ = desktop.get();
+    deps.sources.push_back(std::move(desktop));
     deps.sources.push_back(std::make_unique<ClaudeSessionSource>(
         ClaudeSessionSource::Paths{Paths::claudeProjects(), Paths::claudeConfigFile(), Paths::claudeTempFolder()},
         SDKHostMemory::shared(), [discovery](const std::string& appId, const ProcessSnapshot& snapshot) {
@@ -151,7 +158,17 @@ void LumoraApp::applySettings() {
     s.idleTimeoutMinutes = settings_.idleTimeoutMinutes();
     monitor_->setSettings(s);
     usage_->setEnabled(settings_.usageEnabled());
+    desktop_->setCoworkEnabled(settings_.coworkEnabled());
     bridge_->setGating(gatingWanted_ && settings_.approveRuns());
+}
+
+void LumoraApp::jump(const AgentInstance& session, std::function<void(std::vector<std::string>)> done) {
+    if (!jumps_) jumps_ = std::make_unique<SerialQueue>("lumora.jump");
+    auto target = jumpTarget(session);
+    jumps_->async([target, done = std::move(done)] {
+        auto result = JumpService::jump(target);
+        RunLoop::main().post([done, lines = std::move(result.lines)]() mutable { done(std::move(lines)); });
+    });
 }
 
 Status LumoraApp::start(bool gatingWanted) {
@@ -255,5 +272,7 @@ void AppBackend::setOnChange(std::function<void()> onChange) {
     app_.spend().setOnUpdate(onChange);
     app_.setOnPublish(std::move(onChange));
 }
+
+void AppBackend::jump(const AgentInstance& session, JumpDone done) { app_.jump(session, std::move(done)); }
 
 }  // namespace lumora

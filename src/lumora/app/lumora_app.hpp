@@ -12,7 +12,9 @@
 #include "lumora/app/settings_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
+#include "lumora/base/serial_queue.hpp"
 #include "lumora/monitor/claude_monitor.hpp"
+#include "lumora/monitor/desktop_session_source.hpp"
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/sdk_sessions.hpp"
 #include "lumora/spend/spend_service.hpp"
@@ -66,6 +68,10 @@ public:
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridgeSnapshot& bridge);
 
+    // Jumps to the session on the app's jump queue (one jump at a time) and
+    // hands the route lines to `done` on the main loop.
+    void jump(const AgentInstance& session, std::function<void(std::vector<std::string>)> done);
+
 private:
     void applySettings();
     // Tells the bridge which held prompts the published rows show with buttons.
@@ -80,6 +86,8 @@ private:
     std::unique_ptr<ClaudeMonitor> monitor_;
     std::unique_ptr<UsagePoller> usage_;
     std::unique_ptr<SpendService> spend_;
+    DesktopSessionSource* desktop_ = nullptr;  // owned by the monitor
+    std::unique_ptr<SerialQueue> jumps_;
     bool gatingWanted_ = false;
     bool started_ = false;
     std::function<void()> onPublish_;
@@ -106,6 +114,7 @@ public:
     void sawRow(const std::string& sessionId) override;
     std::vector<QuotaReading> quotaReadings() const override;
     std::optional<UsageAlert> usageAlert() const override;
+    void jump(const AgentInstance& session, JumpDone done) override;
     void setOnChange(std::function<void()> onChange) override;
     std::optional<std::string> hooksProblem() const override;
     std::optional<SpendSummary> spendSummary() const override;

@@ -136,6 +136,8 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     a.host = obs.host;
     a.surface = obs.surface;
     a.topic = info.topic;
+    a.workspaceFolders = obs.workspaceFolders;
+    a.question = obs.question;
 
     // Latest activity: the newest entry (the journal's own time when no entry
     // carries one), or a subagent's journal written since; a process with no

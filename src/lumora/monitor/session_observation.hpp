@@ -44,6 +44,8 @@ struct SessionObservation {
     // Background work (subagents, background shells) still out.
     bool backgroundActive = false;
 
+    // A Cowork session's folders.
+    std::vector<std::string> workspaceFolders;
     // A question the journal shows the agent asking (display only: agents
     // without hook prompts, such as Kimi).
     std::optional<PendingQuestion> question;

@@ -41,6 +41,9 @@ fs::path kimiHome();          // ~/.kimi-code
 fs::path openCodeData();      // ~/.local/share/opencode
 fs::path openCodeConfig();    // ~/.config/opencode
 fs::path openCodeCache();     // ~/.cache/opencode (its model catalogue)
+// The Claude desktop app's data folder (its session index and Cowork
+// sessions): $LUMORA_CLAUDE_DESKTOP_DIR when set, else $XDG_CONFIG_HOME/Claude.
+fs::path claudeDesktopData();
 // Where Claude Code keeps background-task output: <temp>/claude-<uid>.
 fs::path claudeTempFolder();
 // The system's temporary folder ($TMPDIR, else /tmp).

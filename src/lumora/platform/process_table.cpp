@@ -13,6 +13,12 @@ const ProcessInfo* ProcessSnapshot::find(int32_t pid) const {
     return it == byPid_.end() ? nullptr : &processes_[it->second];
 }
 
+std::optional<ProcessInfo> ProcessTable::process(int32_t pid) {
+    auto all = snapshot();
+    if (const ProcessInfo* p = all.find(pid)) return *p;
+    return std::nullopt;
+}
+
 ProcessSnapshot FixedProcessTable::snapshot(const SnapshotOptions& options) {
     auto at = takenAt_.value_or(std::chrono::steady_clock::now());
     std::vector<ProcessInfo> out = processes_;

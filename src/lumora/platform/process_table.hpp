@@ -81,6 +81,10 @@ public:
     // Linux the last part of its control-group path, such as
     // "app-gnome-org.gnome.Terminal-1234.scope"); nothing when unknown.
     virtual std::optional<std::string> launchUnit(int32_t pid) = 0;
+    // One process read afresh, with its working directory and executable;
+    // nothing when it is gone or not ours to read. Cheaper than a snapshot
+    // for a caller that follows one process and its parents.
+    virtual std::optional<ProcessInfo> process(int32_t pid);
     // Our own process id.
     virtual int32_t selfPid() const = 0;
 

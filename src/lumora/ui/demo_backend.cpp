@@ -1,5 +1,7 @@
 #include "lumora/ui/demo_backend.hpp"
 
+#include "lumora/monitor/agent_jump.hpp"
+
 #include <algorithm>
 
 namespace lumora::ui {
@@ -366,6 +368,11 @@ std::optional<std::string> DemoBackend::choose(const ApprovalRequest& request, A
     acknowledged_.erase(request.sessionId);
     changed();
     return confirmation;
+}
+
+void DemoBackend::jump(const AgentInstance& session, JumpDone done) {
+    auto plan = JumpService::plan(jumpTarget(session, true), JumpService::Facts{});
+    done(plan.lines);
 }
 
 void DemoBackend::sawRow(const std::string& sessionId) {

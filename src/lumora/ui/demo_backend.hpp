@@ -34,6 +34,8 @@ public:
     void sawRow(const std::string& sessionId) override;
     std::vector<QuotaReading> quotaReadings() const override { return quotas_; }
     std::optional<UsageAlert> usageAlert() const override { return usageAlert_; }
+    // Demonstration rows never open anything real: the jump only says where it would go.
+    void jump(const AgentInstance& session, JumpDone done) override;
     void setOnChange(std::function<void()> onChange) override { onChange_ = std::move(onChange); }
     // Scripted figures for the strip.
     std::optional<SpendSummary> spendSummary() const override;

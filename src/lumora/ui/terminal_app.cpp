@@ -153,7 +153,8 @@ int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options) {
             }
             if (!view.handle(keyFromInput(ch))) quit = true;
         }
-        loop.runOnce();
+        // Posted work may change what is shown (a jump's outcome in the status line).
+        if (loop.runOnce() > 0) dirty = true;
     }
 
     if (options.onQuit) options.onQuit();

@@ -61,6 +61,12 @@ public:
     // without spend figures keeps the default).
     virtual std::optional<SpendSummary> spendSummary() const { return std::nullopt; }
 
+    // Brings the user to where the session runs (its pane, terminal window or
+    // app). Returns at once; `done` gets one line per route taken, on the
+    // main loop, once the jump has ended.
+    using JumpDone = std::function<void(std::vector<std::string> lines)>;
+    virtual void jump(const AgentInstance& session, JumpDone done) { done({"jumping is not available here"}); }
+
     // Called (on the main loop) whenever anything above may have changed.
     virtual void setOnChange(std::function<void()> onChange) = 0;
 };

@@ -17,6 +17,7 @@ Key keyFromInput(int ch) {
         case KEY_HOME: case 'g': return Key::home;
         case KEY_END: case 'G': return Key::end;
         case KEY_ENTER: case '\n': case '\r': return Key::expand;
+        case 'o': return Key::jump;
         case 'a': return Key::approve;
         case 'd': return Key::deny;
         case 's': return Key::allowSession;
@@ -33,6 +34,8 @@ ViewController::ViewController(ViewBackend& backend, SettingsSource settings, Cl
     if (!clock_) clock_ = [] { return std::chrono::system_clock::now(); };
     refresh();
 }
+
+ViewController::~ViewController() { *alive_ = false; }
 
 void ViewController::refresh() {
     model_ = ViewModel::read(backend_, settings_ ? settings_() : ViewSettings{}, clock_());
@@ -116,6 +119,7 @@ bool ViewController::handle(Key key) {
             state_.expanded = !state_.expanded;
             state_.commandTop = 0;
             break;
+        case Key::jump: jump(); break;
         case Key::approve: choose(ApprovalChoice::Kind::approve); break;
         case Key::deny: choose(ApprovalChoice::Kind::deny); break;
         case Key::allowSession: choose(ApprovalChoice::Kind::allowSession); break;
@@ -164,6 +168,24 @@ void ViewController::choose(ApprovalChoice::Kind kind) {
              !deny);
     }
     refresh();
+}
+
+void ViewController::jump() {
+    auto rows = ViewNav::rows(model_, state_);
+    const auto* a = ViewNav::selected(state_, rows);
+    if (!a) {
+        note("No session to jump to", AgentStatus::idle);
+        return;
+    }
+    std::string project = a->projectName;
+    note("Jumping to " + project + "…", AgentStatus::working);
+    std::weak_ptr<bool> alive = alive_;
+    backend_.jump(*a, [this, alive, project](std::vector<std::string> lines) {
+        auto still = alive.lock();
+        if (!still || !*still) return;
+        model_.now = clock_();
+        note(lines.empty() ? "Jumped to " + project : project + ": " + lines.back(), AgentStatus::idle);
+    });
 }
 
 Frame ViewController::frame(int width, int height) {

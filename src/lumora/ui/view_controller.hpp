@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include "lumora/ui/frame.hpp"
@@ -13,6 +14,7 @@ namespace lumora::ui {
 enum class Key {
     up, down, pageUp, pageDown, home, end,
     expand,        // Enter
+    jump,          // o: bring the session's terminal, pane or app to the front
     approve, deny, allowSession, allowAlways,
     help, quit,
     escape,        // closes the help
@@ -31,6 +33,7 @@ public:
     using Clock = std::function<Date()>;
 
     ViewController(ViewBackend& backend, SettingsSource settings, Clock clock = {});
+    ~ViewController();
 
     // Rereads the backend (call after its change callback). A new peek event
     // shows in the status line and, with sounds on, asks for the bell.
@@ -53,6 +56,7 @@ private:
     // Scrolls the opened row's long command by a line or a page; false when
     // it is not scrollable that way (the key then moves the selection).
     bool scrollCommand(int direction, bool page);
+    void jump();
     void sawSelected();
     void note(std::string text, AgentStatus status, bool done = false);
 
@@ -66,6 +70,8 @@ private:
     bool bell_ = false;
     int pageRows_ = 8;
     std::optional<ShownCommand> selectedCommand_;  // the selected row's command as the last frame drew it
+    // Cleared when the controller goes, so a jump that ends later finds it gone.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 // How often ages are brought up to date while nothing else changes.

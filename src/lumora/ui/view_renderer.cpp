@@ -502,7 +502,7 @@ Line columnHeader(int width, const Columns& c) {
 
 Line keyBar(int width) {
     static const std::pair<const char*, const char*> keys[] = {
-        {"↑↓", "Move"}, {"⏎", "Expand"}, {"a", "Approve"}, {"d", "Deny"},
+        {"↑↓", "Move"}, {"⏎", "Expand"}, {"o", "Open"}, {"a", "Approve"}, {"d", "Deny"},
         {"s", "Session"}, {"A", "Always"}, {"?", "Help"}, {"q", "Quit"}};
     Line l;
     for (const auto& [k, what] : keys) {
@@ -545,6 +545,7 @@ std::vector<Line> helpLines() {
     key("PgUp PgDn", "move a page");
     key("Home End  g G", "first or last row");
     key("Enter", "expand or fold the selected row (a long command shows whole)");
+    key("o", "open: jump to the session's terminal, pane or app");
     key("a", "Approve the selected request");
     key("d", "Deny it");
     key("s", "Allow its commands for this session");

@@ -73,6 +73,11 @@ fs::path tempFolder() {
     return t.empty() ? fs::path("/tmp") : fs::path(t);
 }
 
+fs::path claudeDesktopData() {
+    std::string override = env("LUMORA_CLAUDE_DESKTOP_DIR");
+    return override.empty() ? xdg("XDG_CONFIG_HOME", ".config") / "Claude" : fs::path(override);
+}
+
 fs::path claudeTempFolder() { return tempFolder() / ("claude-" + std::to_string(::getuid())); }
 
 std::vector<Entry> all() {
@@ -90,6 +95,7 @@ std::vector<Entry> all() {
         {"claude projects", claudeProjects()},
         {"claude sessions", claudeSessions()},
         {"claude tasks", claudeTempFolder()},
+        {"claude desktop", claudeDesktopData()},
         {"codex home", codexHome()},
         {"cursor home", cursorHome()},
         {"kimi home", kimiHome()},

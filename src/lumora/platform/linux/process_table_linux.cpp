@@ -266,6 +266,34 @@ public:
         return std::string(last);
     }
 
+    std::optional<ProcessInfo> process(int32_t pid) override {
+        if (pid <= 0) return std::nullopt;
+        std::string dir = "/proc/" + std::to_string(pid);
+        int pidFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (pidFd < 0) return std::nullopt;
+        ProcessInfo p;
+        p.pid = pid;
+        std::string text;
+        bool kernelThread = false;
+        bool ok = readAt(pidFd, "stat", text) && parseStat(text, p, ticksPerSecond_, kernelThread);
+        // A zombie has ended; only its parent has yet to collect it.
+        if (size_t close = text.rfind(')'); ok && close + 2 < text.size() && text[close + 2] == 'Z') ok = false;
+        if (ok && !kernelThread && readAt(pidFd, "cmdline", text)) parseCmdline(text, p);
+        if (ok) {
+            p.cwd = readLinkAt(pidFd, "cwd");
+            p.executable = readLinkAt(pidFd, "exe");
+            static constexpr std::string_view deleted = " (deleted)";
+            if (p.executable && p.executable->ends_with(deleted)) p.executable->resize(p.executable->size() - deleted.size());
+            double bootEpoch = seconds(CLOCK_REALTIME) - seconds(CLOCK_BOOTTIME);
+            double startEpoch = bootEpoch + static_cast<double>(p.startTicks) / ticksPerSecond_;
+            p.start = ProcessClock::time_point(std::chrono::duration_cast<ProcessClock::duration>(
+                std::chrono::duration<double>(startEpoch)));
+        }
+        ::close(pidFd);
+        if (!ok) return std::nullopt;
+        return p;
+    }
+
     int32_t selfPid() const override { return static_cast<int32_t>(::getpid()); }
 
 private:
