@@ -136,7 +136,8 @@ TEST_F(HookBridgeLimits, RulesBehindALockedFileNeverStallTheSocket) {
     HookBridgeOptions options;
     options.state.ruleCheckTimeout = 300ms;
     makeBridge(options);
-    rules.addAlwaysRule("Bash", "git");
+    rules.addAlwaysRule(HarnessProvider::claudeCode, "Bash", "git");
+    rules.flush();
     ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
 
@@ -154,13 +155,11 @@ TEST_F(HookBridgeLimits, RulesBehindALockedFileNeverStallTheSocket) {
     // Other hooks are served at once while the rules wait for the file.
     ASSERT_TRUE(sendLine(socket, marker("meanwhile")));
     EXPECT_TRUE(eventually([&] { return markerOf(*bridge, "meanwhile").has_value(); }, 1s));
-    // The gate is not left hanging on the rules: the user is asked.
-    EXPECT_TRUE(eventually([&] { return heldGate(*bridge, "s1").has_value(); }, 2s));
+    // The rules answer from memory: the gate is allowed while the file is still locked.
+    EXPECT_EQ(gated.readUntilClosed(2s), kAllow);
 
     ::flock(lock, LOCK_UN);
     ::close(lock);
-    EXPECT_TRUE(resolveHeld(*bridge, "s1", true));
-    EXPECT_EQ(gated.readUntilClosed(), kAllow);
 }
 
 TEST_F(HookBridgeLimits, APromptNoViewShowsGoesBackToItsAgent) {
@@ -246,7 +245,8 @@ TEST_F(HookBridgeLimits, ABadStateFileNeverDelaysTheSocket) {
 
 TEST_F(HookBridgeLimits, ANewlineInASessionIdCannotForgeALogLine) {
     makeBridge();
-    rules.addAlwaysRule("Bash", "git");
+    rules.addAlwaysRule(HarnessProvider::claudeCode, "Bash", "git");
+    rules.flush();
     ASSERT_TRUE(bridge->start().ok);
     std::string forged = "s1\n2026-01-01T00:00:00.000Z  auto-approve tool=Bash session=s2 head=rm -rf ~";
     SocketClient c(socket);

@@ -167,6 +167,28 @@ public:
         xcb_flush(conn_);
     }
 
+    // Focuses `w` as a pager would, asking again until the window manager,
+    // which may not manage a new window yet, has done it.
+    bool focus(xcb_window_t w) {
+        for (int i = 0; i < 25; ++i) {
+            activate(w);
+            if (waitActive(w, 200ms)) return true;
+        }
+        return false;
+    }
+
+    void activate(xcb_window_t w) {
+        xcb_client_message_event_t ev{};
+        ev.response_type = XCB_CLIENT_MESSAGE;
+        ev.format = 32;
+        ev.window = w;
+        ev.type = atom("_NET_ACTIVE_WINDOW");
+        ev.data.data32[0] = 2;  // from a pager: always honoured
+        xcb_send_event(conn_, 0, root_, XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT | XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY,
+                       reinterpret_cast<const char*>(&ev));
+        xcb_flush(conn_);
+    }
+
     bool iconic(xcb_window_t w) const {
         auto state = cardinals(w, "WM_STATE");
         return !state.empty() && state[0] == 3;
@@ -198,7 +220,7 @@ TEST(JumpX11, RaisesTheTerminalWindowUnderAWindowManager) {
     HostedAgent agent(home / "bin", "xterm");
     auto mine = x.window("zsh", "xterm", static_cast<uint32_t>(agent.host()));
     auto other = x.window("notes", "gedit", static_cast<uint32_t>(::getpid()));
-    ASSERT_TRUE(x.waitActive(other));
+    ASSERT_TRUE(x.focus(other));
 
     Target t{.sessionId = "s1", .pid = agent.agent(), .cwd = "/home/u/proj", .title = "proj"};
     auto r = JumpService::jump(t);
@@ -209,7 +231,8 @@ TEST(JumpX11, RaisesTheTerminalWindowUnderAWindowManager) {
     // Minimised, it comes back.
     x.iconify(mine);
     ASSERT_TRUE(eventually([&] { return x.iconic(mine); }));
-    ASSERT_TRUE(x.waitActive(other));
+    // Where focus goes next is the window manager's choice: put it elsewhere.
+    ASSERT_TRUE(x.focus(other));
     r = JumpService::jump(t);
     EXPECT_TRUE(r.landed) << joined(r.lines);
     EXPECT_TRUE(x.waitActive(mine));
@@ -218,8 +241,8 @@ TEST(JumpX11, RaisesTheTerminalWindowUnderAWindowManager) {
     // No window carries the host's pid: the title (within the terminal's class) finds it.
     HostedAgent second(home / "bin2", "xterm");
     auto titled = x.window("elsewhere: ~/proj", "xterm", std::nullopt);
-    ASSERT_TRUE(x.waitActive(titled));
-    x.window("scratch", "xterm", static_cast<uint32_t>(::getpid()));
+    auto scratch = x.window("scratch", "xterm", static_cast<uint32_t>(::getpid()));
+    ASSERT_TRUE(x.focus(scratch));
     r = JumpService::jump(Target{.sessionId = "s2", .pid = second.agent(), .cwd = "/home/u/proj", .title = "proj"});
     EXPECT_TRUE(r.landed) << joined(r.lines);
     EXPECT_TRUE(has(r.lines, "no window of xterm by _NET_WM_PID")) << joined(r.lines);

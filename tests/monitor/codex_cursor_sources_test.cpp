@@ -272,8 +272,8 @@ TEST(CodexCursorSessions, ScanJsonCarriesTheirRows) {
     for (const auto& provider : {"codex", "cursor"}) {
         std::vector<std::string> keys, expected;
         for (const auto& [k, v] : byProvider[provider].items()) keys.push_back(k);
-        auto claudeShaped = RunCommands::toJson(AgentInstance{});
-        for (const auto& [k, v] : claudeShaped.items()) expected.push_back(k);
+        auto claudeShaped = RunCommands::scanJson({AgentInstance{}}, nlohmann::ordered_json::object());
+        for (const auto& [k, v] : claudeShaped[0].items()) expected.push_back(k);
         std::sort(keys.begin(), keys.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(keys, expected) << provider;

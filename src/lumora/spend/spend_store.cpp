@@ -20,8 +20,11 @@ using simdjson::SUCCESS;
 constexpr size_t kMaxCacheBytes = 1u << 30;
 
 double seconds(Date d) { return std::chrono::duration<double>(d.time_since_epoch()).count(); }
+// Rounded to the microsecond: a double holds seconds since 1970 to about
+// that, and truncating would turn a journal's .162 into .161999.
 Date fromSeconds(double s) {
-    return Date(std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(s)));
+    auto us = std::chrono::round<std::chrono::microseconds>(std::chrono::duration<double>(s));
+    return Date(std::chrono::duration_cast<Date::duration>(us));
 }
 
 bool validUtf8(std::string_view s) { return simdjson::validate_utf8(s.data(), s.size()); }
