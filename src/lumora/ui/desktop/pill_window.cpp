@@ -86,7 +86,6 @@ PillWindow::PillWindow(Front& front, QScreen* screen) : front_(front), screen_(s
     // The panel: a header, the list, a footer with the gear.
     panel_ = new QWidget(this);
     panel_->setObjectName("panel");
-    panel_->setAttribute(Qt::WA_TranslucentBackground);
     auto* outer = new QVBoxLayout(panel_);
     outer->setContentsMargins(0, 6, 0, 4);
     outer->setSpacing(0);
@@ -112,11 +111,11 @@ PillWindow::PillWindow(Front& front, QScreen* screen) : front_(front), screen_(s
     scroll_->setFocusPolicy(Qt::NoFocus);
     scroll_->viewport()->setObjectName("viewport");
     scroll_->viewport()->setAutoFillBackground(false);
-    scroll_->setStyleSheet("QScrollArea{background:transparent;} QScrollBar:vertical{background:transparent;width:8px;}"
+    scroll_->setStyleSheet("QScrollArea, QScrollArea > QWidget > QWidget{background:transparent;} QScrollBar:vertical{background:transparent;width:8px;}"
                            "QScrollBar::handle:vertical{background:rgba(128,128,128,110);border-radius:4px;min-height:24px;}"
                            "QScrollBar::add-line,QScrollBar::sub-line{height:0;}");
     list_ = new QWidget;
-    list_->setAttribute(Qt::WA_TranslucentBackground);
+    list_->setAutoFillBackground(false);
     scroll_->setWidget(list_);
     outer->addWidget(scroll_);
 
