@@ -180,6 +180,16 @@ TEST(DesktopEndToEnd, HoverOpensThePanelAndAClickAnswersTheHook) {
         << "the pill is covered";
     desk.screenshot("collapsed", {pill.cx() - 320, 0, 640, 120});
 
+    // A pointer approaching from below blooms the dots into the agents' marks,
+    // and the pill widens with them (a moving device, not a warp).
+    desk.x.xdotool("mousemove " + std::to_string(pill.cx()) + " 400");
+    desk.x.xdotool("mousemove_relative -- 0 -300");
+    desk.x.xdotool("mousemove_relative -- 0 -50");
+    EXPECT_TRUE(eventually([&] { return desk.widget("pill").width > pill.width; }));
+    desk.screenshot("approached", {pill.cx() - 320, 0, 640, 120});
+    desk.x.xdotool("mousemove_relative -- 0 500");
+    EXPECT_TRUE(eventually([&] { return desk.widget("pill").width == pill.width; }));
+
     // A held permission prompt from the real hook program: the pill peeks.
     auto answer = desk.permission("git status && npm test");
     ASSERT_TRUE(eventually([&] { return desk.widget("pill").width > pill.width + 100; }));
@@ -194,7 +204,7 @@ TEST(DesktopEndToEnd, HoverOpensThePanelAndAClickAnswersTheHook) {
     Box panel = desk.widget("panel");
     EXPECT_EQ(panel.y, 0);
     EXPECT_NEAR(panel.cx(), 640, 1);
-    desk.screenshot("open", {0, 0, 1280, 800});
+    desk.screenshot("open", {panel.x - 40, 0, panel.width + 80, panel.height + 40});
 
     // A click on Approve answers through the bridge: the hook prints allow.
     Box approve = desk.widget("approve-" + kSession);

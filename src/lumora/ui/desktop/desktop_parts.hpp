@@ -5,6 +5,7 @@
 
 #include <QColor>
 #include <QPointer>
+#include <QScreen>
 #include <QTimer>
 #include <QWidget>
 
@@ -18,7 +19,7 @@
 
 class QLabel;
 class QPushButton;
-class QScreen;
+
 class QScrollArea;
 class QVBoxLayout;
 
@@ -48,6 +49,30 @@ namespace Trace {
 void install();
 void sweepSoon();
 }  // namespace Trace
+
+// Follows the cursor over the whole screen without polling: the X server's
+// raw motion events say when it moves, and it is looked at no more than once
+// a frame while it does. Where the platform has no such events, it reports
+// nothing and the windows' own enter and motion events do the work.
+class CursorWatch {
+public:
+    // `listener` gets the position and the velocity in pixels per second.
+    using Listener = std::function<void(QPoint, double vx, double vy)>;
+    explicit CursorWatch(Listener listener);
+    ~CursorWatch();
+    bool active() const { return active_; }
+
+private:
+    void moved();
+    void look();
+
+    Listener listener_;
+    QTimer sample_, settle_;
+    QPoint last_;
+    qint64 lastAt_ = 0;
+    bool active_ = false;
+    std::unique_ptr<class QAbstractNativeEventFilter> filter_;
+};
 
 // One session's row in the panel: painted text, and buttons for a held
 // approval or a question's options.
@@ -94,6 +119,8 @@ public:
     void refresh();
     void collapse();
     void open();
+    // The cursor moved somewhere on the screen (`v` in pixels per second).
+    void cursorAt(QPoint pos, double vx, double vy);
 
 protected:
     void paintEvent(QPaintEvent*) override;
@@ -122,6 +149,7 @@ private:
     qint64 lastMoveAt_ = 0;
     double speed_ = 0, approach_ = 0;
     bool inside_ = false;
+    double reveal_ = 0;  // how far onApproach marks have bloomed (0...1)
 
     QWidget* panel_ = nullptr;
     QLabel* sessions_ = nullptr;
@@ -192,6 +220,7 @@ private:
     int openPanels_ = 0;
     std::vector<std::unique_ptr<PillWindow>> windows_;
     std::unique_ptr<SettingsWindow> settings_;
+    std::unique_ptr<CursorWatch> cursor_;
 };
 
 // Whether windows can be see-through here (a compositing manager runs).

@@ -199,10 +199,14 @@ Front::Front(ViewBackend& backend, const DesktopViewOptions& options) : backend_
     QObject::connect(app, &QGuiApplication::primaryScreenChanged, [this](QScreen*) { syncScreens(); });
     refresh();
     syncScreens();
+    cursor_ = std::make_unique<CursorWatch>([this](QPoint pos, double vx, double vy) {
+        for (auto& w : windows_) w->cursorAt(pos, vx, vy);
+    });
 }
 
 Front::~Front() {
     backend_.setOnChange(nullptr);
+    cursor_.reset();
     windows_.clear();
     settings_.reset();
 }

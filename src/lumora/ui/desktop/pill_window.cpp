@@ -51,6 +51,26 @@ bool live(const ViewModel& m) { return !m.instances.empty(); }
 
 qint64 nowMs() { return QDateTime::currentMSecsSinceEpoch(); }
 
+constexpr double kDot = 9, kMark = 24, kSlotGap = 10;
+
+// How far a slot has bloomed from a dot into its provider's initials.
+double bloomOf(TabMarks marks, double reveal) {
+    return marks == TabMarks::harness ? 1.0 : marks == TabMarks::onApproach ? reveal : 0.0;
+}
+
+// The drawn width of the tab's slots, numerals and "+N" tail.
+double tabWidth(const AgentDisplay::TabGrouping& tab, double bloom) {
+    QFontMetrics fm(pxFont(11, true));
+    double total = 0;
+    for (const auto& c : tab.clusters) {
+        total += kDot + (kMark - kDot) * (c.provider ? bloom : 0);
+        if (c.count >= 2) total += 3 + fm.horizontalAdvance(QString::number(c.count));
+    }
+    if (!tab.clusters.empty()) total += kSlotGap * double(tab.clusters.size() - 1);
+    if (tab.hidden > 0) total += 8 + fm.horizontalAdvance("+" + QString::number(tab.hidden));
+    return total;
+}
+
 }  // namespace
 
 PillWindow::PillWindow(Front& front, QScreen* screen) : front_(front), screen_(screen) {
@@ -213,13 +233,10 @@ QSize PillWindow::pillSize() const {
     const ViewModel& m = front_.model();
     if (front_.peek()) return QSize(kPeekWidth, kPeekHeight);
     auto tab = AgentDisplay::tabClusters(m.instances, distinguishesHarness(m.settings.tabMarks));
-    std::vector<int> counts;
-    for (const auto& c : tab.clusters) counts.push_back(c.count);
-    double slot = slotWidth(m.settings.tabMarks == TabMarks::harness ? TabMarks::harness : TabMarks::dots, 0);
-    double width = Layout::tabContentWidth(int(tab.clusters.size()), slot, false, tab.hidden, counts);
-    // Room for a harness slot's initials, which are wider than a drawn mark.
-    if (m.settings.tabMarks == TabMarks::harness) width += 8.0 * double(tab.clusters.size());
-    int w = std::max(96, int(std::ceil(width)) + 28);
+    // The pill's ends hold the rounded caps; the slots widen it as they bloom.
+    double rest = tabWidth(tab, bloomOf(m.settings.tabMarks, 0));
+    double bloomed = tabWidth(tab, bloomOf(m.settings.tabMarks, reveal_));
+    int w = int(std::ceil(std::max(96.0, rest + 44) + (bloomed - rest)));
     int h = live(m) ? kPillHeight : kPillHeight - 8;
     if (phase_ == NotchState::Phase::primed) {
         w += 2 * kPrimedSwell;
@@ -317,6 +334,30 @@ void PillWindow::collapse() {
     if (wasOpen) front_.panelClosed();
     relayout();
     update();
+}
+
+void PillWindow::cursorAt(QPoint pos, double vx, double vy) {
+    if (!inside_) {
+        // How the cursor arrives: a flick upward skips the beat on entering.
+        speed_ = std::hypot(vx, vy);
+        approach_ = Hover::approachSpeed(vx, vy);
+        lastPos_ = pos;
+        lastMoveAt_ = nowMs();
+    }
+    bool follows = followsProximity(front_.model().settings.tabMarks) && phase_ != NotchState::Phase::expanded &&
+                   !front_.peek();
+    double reveal = 0;
+    if (follows) {
+        QRect g = geometry();
+        double dx = std::max({0, g.left() - pos.x(), pos.x() - g.right()});
+        double dy = std::max({0, g.top() - pos.y(), pos.y() - g.bottom()});
+        reveal = Layout::tabRevealProgress(std::hypot(dx, dy));
+    }
+    if (std::abs(reveal - reveal_) > 0.02 || (reveal == 0) != (reveal_ == 0) || (reveal == 1) != (reveal_ == 1)) {
+        reveal_ = reveal;
+        relayout();
+        update();
+    }
 }
 
 void PillWindow::enterEvent(QEnterEvent* e) {
@@ -423,40 +464,27 @@ void PillWindow::paintPill(QPainter& p, const QRect& rect) {
         p.drawLine(QPointF(r.center().x() - 16, y), QPointF(r.center().x() + 16, y));
         return;
     }
-    bool initials = m.settings.tabMarks == TabMarks::harness;
+    double bloom = bloomOf(m.settings.tabMarks, reveal_);
     QFont numeral = pxFont(11, true);
     QFontMetrics fm(numeral);
-    std::vector<double> widths;
-    double total = 0;
-    for (const auto& c : tab.clusters) {
-        double w = initials ? 24 : 9;
-        if (c.count >= 2) w += 3 + fm.horizontalAdvance(QString::number(c.count));
-        widths.push_back(w);
-        total += w;
-    }
-    total += 10.0 * double(tab.clusters.size() - 1);
     QString more = tab.hidden > 0 ? "+" + QString::number(tab.hidden) : QString();
-    if (!more.isEmpty()) total += 8 + fm.horizontalAdvance(more);
-    double x = r.center().x() - total / 2;
+    double x = r.center().x() - tabWidth(tab, bloom) / 2;
     double cy = r.center().y() - (primed ? 1 : 0);
-    for (size_t i = 0; i < tab.clusters.size(); ++i) {
-        const auto& c = tab.clusters[i];
+    for (const auto& c : tab.clusters) {
         QColor col = statusColour(c.status);
-        if (initials && c.provider) {
-            QRectF box(x, cy - 8, 24, 16);
-            p.setPen(Qt::NoPen);
-            p.setBrush(col);
-            p.drawRoundedRect(box, 5, 5);
+        // A dot that blooms into a rounded box carrying the provider's initials.
+        double b = c.provider ? bloom : 0;
+        double w = kDot + (kMark - kDot) * b, h = kDot + (16 - kDot) * b;
+        QRectF box(x, cy - h / 2, w, h);
+        p.setPen(Qt::NoPen);
+        p.setBrush(col);
+        p.drawRoundedRect(box, std::min(h / 2, 4.5 + 0.5 * b), std::min(h / 2, 4.5 + 0.5 * b));
+        if (b > 0.55) {
             p.setFont(pxFont(10, true));
-            p.setPen(QColor(12, 12, 14));
+            p.setPen(QColor(12, 12, 14, int(255 * std::clamp((b - 0.55) / 0.45, 0.0, 1.0))));
             p.drawText(box, Qt::AlignCenter, QString::fromStdString(ViewRenderer::providerInitials(*c.provider)));
-            x += 24;
-        } else {
-            p.setPen(Qt::NoPen);
-            p.setBrush(col);
-            p.drawEllipse(QRectF(x, cy - 4.5, 9, 9));
-            x += 9;
         }
+        x += w;
         if (c.count >= 2) {
             p.setFont(numeral);
             p.setPen(pal.pillText);
@@ -464,14 +492,15 @@ void PillWindow::paintPill(QPainter& p, const QRect& rect) {
             p.drawText(QRectF(x + 3, cy - 8, fm.horizontalAdvance(n) + 2, 16), Qt::AlignLeft | Qt::AlignVCenter, n);
             x += 3 + fm.horizontalAdvance(n);
         }
-        x += 10;
+        x += kSlotGap;
     }
+    if (!more.isEmpty()) x += 8 - kSlotGap;
     if (!more.isEmpty()) {
         p.setFont(numeral);
         QColor c = pal.pillText;
         c.setAlpha(150);
         p.setPen(c);
-        p.drawText(QRectF(x - 2, cy - 8, fm.horizontalAdvance(more) + 4, 16), Qt::AlignLeft | Qt::AlignVCenter, more);
+        p.drawText(QRectF(x, cy - 8, fm.horizontalAdvance(more) + 4, 16), Qt::AlignLeft | Qt::AlignVCenter, more);
     }
 }
 
