@@ -212,6 +212,25 @@ TEST(DesktopEndToEnd, HoverOpensThePanelAndAClickAnswersTheHook) {
     EXPECT_EQ(behaviorOf(answer), "allow");
     EXPECT_TRUE(eventually([&] { return !desk.shows("approve-" + kSession); }));
 
+    // The gear opens the settings window; a switch there is stored at once.
+    Box gear = desk.widget("settings-button");
+    desk.x.xdotool("mousemove " + std::to_string(gear.cx()) + " " + std::to_string(gear.cy()) + " click 1");
+    ASSERT_TRUE(eventually([&] { return desk.shows("setting-soundEnabled"); }));
+    // The window manager places the new window; click once it has settled.
+    Box sound;
+    ASSERT_TRUE(eventually([&] {
+        Box before = desk.widget("setting-soundEnabled");
+        std::this_thread::sleep_for(200ms);
+        sound = desk.widget("setting-soundEnabled");
+        return sound.x == before.x && sound.y == before.y;
+    }));
+    desk.screenshot("settings", {0, 0, 1280, 600});
+    desk.x.xdotool("mousemove " + std::to_string(sound.cx()) + " " + std::to_string(sound.cy()) + " click 1");
+    EXPECT_TRUE(eventually([&] {
+        auto stored = Json::parse(readFile(desk.home / ".config/lumora/defaults.json"), nullptr, false);
+        return stored.is_object() && stored.value("soundEnabled", true) == false;
+    }));
+
     // Moving away closes the panel; the pill stays.
     desk.x.xdotool("mousemove 100 700");
     EXPECT_TRUE(eventually([&] { return !desk.shows("panel"); }));

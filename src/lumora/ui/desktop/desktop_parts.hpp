@@ -202,6 +202,8 @@ public:
     void panelClosed();
     void showSettings();
     std::vector<DisplayInfo> connected() const;
+    // The windows, one per chosen display (for benchmarks).
+    const std::vector<std::unique_ptr<PillWindow>>& windows() const { return windows_; }
 
 private:
     void endPeek();

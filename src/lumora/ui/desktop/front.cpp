@@ -101,7 +101,7 @@ bool gSweepQueued = false;
 
 bool traced(const QString& name) {
     static const char* prefixes[] = {"pill", "panel", "row-", "approve-", "deny-", "session-", "always-",
-                                     "option-", "settings"};
+                                     "option-", "settings", "setting-", "display-"};
     for (const char* p : prefixes) {
         if (name.startsWith(QLatin1String(p))) return true;
     }

@@ -28,6 +28,7 @@ SettingsWindow::SettingsWindow(Front& front) : front_(front) {
         if (field.choices.empty()) {
             auto* box = new QCheckBox(this);
             box->setObjectName(name);
+            box->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Fixed);  // its rectangle is what a click toggles
             form->addRow(QString::fromStdString(field.label), box);
             QObject::connect(box, &QCheckBox::toggled, [this, field](bool on) {
                 if (field.get && field.get() == (on ? "true" : "false")) return;

@@ -1,0 +1,134 @@
+// The desktop pill's costs with 20 sessions, drawn by Qt on an off-screen
+// display: a status change repainted on the collapsed pill and on the open
+// panel (the budget is a frame, 16 ms), and the hover that turns the pill into
+// the painted panel (the budget is 50 ms).
+//
+// While nothing changes the pill costs nothing: no timer runs but the
+// ten-second age tick, the cursor is followed from the X server's motion
+// events (none arrive while it rests), and the run loop's tasks wake Qt's
+// loop through their pipe.
+#include <benchmark/benchmark.h>
+
+#if LUMORA_HAS_DESKTOP
+
+#include <QApplication>
+
+#include <cstdlib>
+
+#include "lumora/ui/demo_backend.hpp"
+#include "lumora/ui/desktop/desktop_parts.hpp"
+
+using namespace lumora;
+using namespace lumora::ui;
+
+namespace {
+
+// Twenty sessions: the demo's thirteen varied ones, repeated under new ids.
+class TwentySessions : public ViewBackend {
+public:
+    TwentySessions() {
+        DemoBackend demo;
+        auto base = demo.instances();
+        for (int i = 0; list.size() < 20; ++i) {
+            auto a = base[static_cast<size_t>(i) % base.size()];
+            a.id += "-" + std::to_string(i);
+            if (a.approval) a.approval->sessionId = a.id;
+            a.projectName += "-" + std::to_string(i);
+            list.push_back(a);
+        }
+    }
+    std::vector<AgentInstance> list;
+    std::function<void()> onChange;
+
+    std::vector<AgentInstance> instances() const override { return list; }
+    std::set<std::string> unseenCompletions() const override { return {}; }
+    std::set<std::string> acknowledgedAttention() const override { return {}; }
+    std::optional<PeekEvent> peekEvent() const override { return std::nullopt; }
+    std::vector<ApprovalChoice> approvalChoices(const ApprovalRequest& r) const override {
+        if (!r.approvable) return {};
+        return {{ApprovalChoice::Kind::approve, "Approve"}, {ApprovalChoice::Kind::deny, "Deny"}};
+    }
+    std::optional<std::string> choose(const ApprovalRequest&, ApprovalChoice::Kind) override { return std::nullopt; }
+    void sawRow(const std::string&) override {}
+    void setOnChange(std::function<void()> f) override { onChange = std::move(f); }
+
+    // One working session turns to waiting, or back.
+    void flip() {
+        auto& a = list[12];
+        a.status = a.status == AgentStatus::working ? AgentStatus::waiting : AgentStatus::working;
+        if (onChange) onChange();
+    }
+};
+
+QApplication& app() {
+    static int argc = 1;
+    static char name[] = "desktop_bench";
+    static char* argv[] = {name, nullptr};
+    ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    static QApplication a(argc, argv);
+    return a;
+}
+
+DesktopViewOptions options() {
+    DesktopViewOptions o;
+    o.settings = [] {
+        ViewSettings s;
+        s.idlePolicy = IdleAgentPolicy::keepFull;
+        return s;
+    };
+    o.look = [] {
+        DesktopLook l;
+        l.hoverResponse = HoverResponse::instant;
+        return l;
+    };
+    return o;
+}
+
+void BM_StatusChangeRepaint(benchmark::State& state) {
+    app();
+    TwentySessions backend;
+    desktop::Front front(backend, options());
+    auto& window = *front.windows().front();
+    if (state.range(0)) window.open();
+    QApplication::processEvents();
+    for (auto _ : state) {
+        backend.flip();
+        window.repaint();  // paints now, children included
+    }
+    state.SetLabel(state.range(0) ? "panel open" : "pill");
+}
+
+void BM_HoverToPaintedPanel(benchmark::State& state) {
+    app();
+    TwentySessions backend;
+    desktop::Front front(backend, options());
+    auto& window = *front.windows().front();
+    QApplication::processEvents();
+    for (auto _ : state) {
+        state.PauseTiming();
+        window.collapse();
+        QApplication::processEvents();
+        state.ResumeTiming();
+        window.open();
+        window.repaint();
+    }
+}
+
+}  // namespace
+
+BENCHMARK(BM_StatusChangeRepaint)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HoverToPaintedPanel)->Unit(benchmark::kMillisecond);
+
+#else
+
+// Built without Qt 6 Widgets: nothing to measure.
+static void BM_NoDesktop(benchmark::State& state) {
+    for (auto _ : state) {
+    }
+    state.SkipWithError("this build has no desktop front end");
+}
+BENCHMARK(BM_NoDesktop);
+
+#endif
+
+BENCHMARK_MAIN();
