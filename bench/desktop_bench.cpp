@@ -12,8 +12,11 @@
 #if LUMORA_HAS_DESKTOP
 
 #include <QApplication>
+#include <QTimer>
+#include <sys/resource.h>
 
 #include <cstdlib>
+#include <fstream>
 
 #include "lumora/ui/demo_backend.hpp"
 #include "lumora/ui/desktop/desktop_parts.hpp"
@@ -114,8 +117,41 @@ void BM_HoverToPaintedPanel(benchmark::State& state) {
     }
 }
 
+// The resident set, in megabytes.
+double residentMB() {
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
+    }
+    return 0;
+}
+
+// A minute with 20 sessions and nothing happening: how often the main
+// thread wakes up (voluntary context switches), and the memory it holds.
+void BM_Idle60s(benchmark::State& state) {
+    app();
+    TwentySessions backend;
+    desktop::Front front(backend, options());
+    QApplication::processEvents();
+    for (auto _ : state) {
+        rusage before{}, after{};
+        ::getrusage(RUSAGE_THREAD, &before);
+        QTimer::singleShot(60'000, [] { QApplication::quit(); });
+        QApplication::exec();
+        ::getrusage(RUSAGE_THREAD, &after);
+        state.counters["wakeups"] = double(after.ru_nvcsw - before.ru_nvcsw);
+        state.counters["cpu_ms"] = double((after.ru_utime.tv_sec - before.ru_utime.tv_sec) * 1000 +
+                                          (after.ru_utime.tv_usec - before.ru_utime.tv_usec) / 1000 +
+                                          (after.ru_stime.tv_sec - before.ru_stime.tv_sec) * 1000 +
+                                          (after.ru_stime.tv_usec - before.ru_stime.tv_usec) / 1000);
+    }
+    state.counters["rss_mb"] = residentMB();
+}
+
 }  // namespace
 
+BENCHMARK(BM_Idle60s)->Iterations(1)->Unit(benchmark::kSecond);
 BENCHMARK(BM_StatusChangeRepaint)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_HoverToPaintedPanel)->Unit(benchmark::kMillisecond);
 

@@ -289,15 +289,16 @@ void PillWindow::relayout() {
     size.setWidth(std::min(size.width(), avail.width()));
     QRect r(avail.x() + (avail.width() - size.width()) / 2, avail.y(), size.width(), size.height());
     panel_->setVisible(phase_ == NotchState::Phase::expanded);
+    bool moved = geometry() != r || !isVisible();
     if (geometry() != r) setGeometry(r);
     panel_->setGeometry(rect());
-    if (!front_.translucent()) {
+    if (!front_.translucent() && QGuiApplication::platformName() == "xcb") {
         // Without a compositor the corners are cut out of the window instead.
         double radius = phase_ == NotchState::Phase::expanded ? kPanelRadius : size.height() / 2.0;
         setMask(QRegion(shape(QRectF(QPointF(0, 0), QSizeF(size)), radius).toFillPolygon().toPolygon()));
     }
     if (!isVisible()) show();
-    raise();
+    if (moved) raise();
     Trace::sweepSoon();
 }
 

@@ -14,6 +14,17 @@ SettingsWindow::SettingsWindow(Front& front) : front_(front) {
     setObjectName("settings");
     setWindowTitle("Lumora Settings");
     setWindowFlags(Qt::Window | Qt::WindowStaysOnTopHint | Qt::WindowCloseButtonHint);
+    // The panel's own dark surface, so the two read as one product.
+    setStyleSheet(
+        "QWidget#settings{background:#1b1b20;} QLabel{color:#e6e6ea;font-size:12px;}"
+        "QLabel#note{color:#8c8e96;}"
+        "QCheckBox{color:#e6e6ea;font-size:12px;spacing:8px;}"
+        "QCheckBox::indicator{width:16px;height:16px;border-radius:4px;border:1px solid #55575f;background:#26272d;}"
+        "QCheckBox::indicator:checked{background:#2fb560;border-color:#2fb560;}"
+        "QComboBox{color:#e6e6ea;background:#26272d;border:1px solid #3b3d45;border-radius:6px;padding:3px 8px;"
+        "min-width:140px;font-size:12px;}"
+        "QComboBox::drop-down{border:none;width:18px;}"
+        "QComboBox QAbstractItemView{color:#e6e6ea;background:#26272d;selection-background-color:#3b3d45;}");
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(18, 16, 18, 16);
     auto* form = new QFormLayout;
@@ -85,7 +96,7 @@ SettingsWindow::SettingsWindow(Front& front) : front_(front) {
         }
     });
     auto* note = new QLabel("Changes take effect at once.", this);
-    note->setStyleSheet("color: gray;");
+    note->setObjectName("note");
     layout->addWidget(note);
     if (QScreen* s = QGuiApplication::primaryScreen()) {
         adjustSize();
