@@ -26,13 +26,14 @@ using namespace lumora::ui;
 
 namespace {
 
-// Twenty sessions: the demo's thirteen varied ones, repeated under new ids.
+// `count` sessions (20 unless said): the demo's thirteen varied ones,
+// repeated under new ids.
 class TwentySessions : public ViewBackend {
 public:
-    TwentySessions() {
+    explicit TwentySessions(size_t count = 20) {
         DemoBackend demo;
         auto base = demo.instances();
-        for (int i = 0; list.size() < 20; ++i) {
+        for (int i = 0; list.size() < count; ++i) {
             auto a = base[static_cast<size_t>(i) % base.size()];
             a.id += "-" + std::to_string(i);
             if (a.approval) a.approval->sessionId = a.id;
@@ -89,7 +90,7 @@ DesktopViewOptions options() {
 
 void BM_StatusChangeRepaint(benchmark::State& state) {
     app();
-    TwentySessions backend;
+    TwentySessions backend(size_t(state.range(1)));
     desktop::Front front(backend, options());
     auto& window = *front.windows().front();
     if (state.range(0)) window.open();
@@ -98,7 +99,7 @@ void BM_StatusChangeRepaint(benchmark::State& state) {
         backend.flip();
         window.repaint();  // paints now, children included
     }
-    state.SetLabel(state.range(0) ? "panel open" : "pill");
+    state.SetLabel(std::string(state.range(0) ? "panel open, " : "pill, ") + std::to_string(state.range(1)) + " sessions");
 }
 
 void BM_HoverToPaintedPanel(benchmark::State& state) {
@@ -152,7 +153,7 @@ void BM_Idle60s(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_Idle60s)->Iterations(1)->Unit(benchmark::kSecond);
-BENCHMARK(BM_StatusChangeRepaint)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StatusChangeRepaint)->Args({0, 20})->Args({1, 20})->Args({1, 200})->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_HoverToPaintedPanel)->Unit(benchmark::kMillisecond);
 
 #else

@@ -1,5 +1,6 @@
 #include <QApplication>
 #include <QFile>
+#include <QProcess>
 #include <QGuiApplication>
 #include <QScreen>
 #include <QWidget>
@@ -29,6 +30,16 @@ DisplayInfo infoOf(const QScreen* s) {
     d.isMain = s == QGuiApplication::primaryScreen();
     d.size = Size{double(s->geometry().width()), double(s->geometry().height())};
     return d;
+}
+
+// A short sound for a finished turn or a session that needs you: the desktop
+// sound theme's through PulseAudio's player when both are there, else the
+// system bell.
+void chime(bool done) {
+    static const QString player = "/usr/bin/paplay";
+    QString file = QString("/usr/share/sounds/freedesktop/stereo/%1.oga").arg(done ? "complete" : "dialog-warning");
+    if (QFile::exists(player) && QFile::exists(file) && QProcess::startDetached(player, {file})) return;
+    QApplication::beep();
 }
 
 }  // namespace
@@ -248,7 +259,7 @@ void Front::refresh() {
         if (lastPeekToken_ >= 0 && model_.peek->token != lastPeekToken_) {
             peek_ = model_.peek;
             peekTimer_.start(std::chrono::duration_cast<std::chrono::milliseconds>(kPeekShown).count());
-            if (model_.settings.soundEnabled && model_.peek->chimes) QApplication::beep();
+            if (model_.settings.soundEnabled && model_.peek->chimes) chime(model_.peek->done);
         }
         lastPeekToken_ = model_.peek->token;
     } else if (lastPeekToken_ < 0) {
