@@ -253,15 +253,21 @@ TEST(DesktopEndToEnd, ASmallScreenAHugeCommandAndTheDisplayGoingAway) {
     desk.start({});  // no flag, no terminal, a display: the pill
     ASSERT_TRUE(eventually([&] { return desk.shows("pill"); }));
 
+    // A desktop's top bar appears: the pill moves under it.
+    Program bar({LUMORA_COVER_WINDOW, "--top-bar", "28"}, {{"DISPLAY", desk.x.name()}, {"ASAN_OPTIONS", "detect_leaks=0"}});
+    EXPECT_TRUE(eventually([&] { return desk.widget("pill").y == 28; })) << desk.widget("pill").y;
+    EXPECT_NEAR(desk.widget("pill").cx(), 320, 1);
+
     // A 4 KB command: the panel fits the screen and scrolls; nothing is lost.
     std::string command = "echo ";
     for (int i = 0; i < 400; ++i) command += "step-" + std::to_string(i % 10) + "-ok ";
     auto answer = desk.permission(command);
     ASSERT_TRUE(eventually([&] { return desk.widget("pill").width > 200; }));
-    desk.x.xdotool("mousemove 320 10");
+    desk.x.xdotool("mousemove 320 40");
     ASSERT_TRUE(eventually([&] { return desk.shows("panel") && desk.shows("row-" + kSession); }));
     Box panel = desk.widget("panel");
     EXPECT_GE(panel.x, 0);
+    EXPECT_EQ(panel.y, 28);
     EXPECT_LE(panel.x + panel.width, 640);
     EXPECT_LE(panel.y + panel.height, 480);
     desk.screenshot("small-screen", {0, 0, 640, 480});
