@@ -279,7 +279,10 @@ void RowWidget::paintEvent(QPaintEvent*) {
     p.setFont(bodyFont(12));
     p.setPen(pal.muted);
     QString rest = branch.isEmpty() ? QString() : " · " + branch;
-    if (small) rest += "  " + QString::fromStdString(std::string(scrivet::shortName(a_.provider))) + "  " + tail;
+    if (small) {
+        rest += "  ·  " + QString::fromStdString(std::string(scrivet::shortName(a_.provider)));
+        if (!tail.isEmpty()) rest += "  ·  " + tail;
+    }
     p.drawText(QRect(x, y, std::max(0, room - (x - kMargin - 18)), kLine), Qt::AlignLeft | Qt::AlignVCenter,
                fm12.elidedText(rest, Qt::ElideRight, std::max(0, kMargin + 18 + room - x)));
     if (small) return;
