@@ -248,6 +248,14 @@ void Front::syncScreens() {
 }
 
 void Front::refresh() {
+    // The look follows the stored settings, whoever changed them.
+    DesktopLook look = options_.look ? options_.look() : DesktopLook{};
+    if (look != look_) {
+        bool displays = look.displays != look_.displays;
+        look_ = std::move(look);
+        palette_ = paletteFor(look_, translucent_);
+        if (displays) QTimer::singleShot(0, [this] { syncScreens(); });
+    }
     Date now = std::chrono::system_clock::now();
     model_ = ViewModel::read(backend_, options_.settings ? options_.settings() : ViewSettings{}, now);
     ViewNav::expire(state_, now);
@@ -274,11 +282,6 @@ void Front::endPeek() {
 }
 
 void Front::settingsChanged() {
-    DesktopLook next = options_.look ? options_.look() : DesktopLook{};
-    bool displays = next.displays != look_.displays;
-    look_ = next;
-    palette_ = paletteFor(look_, translucent_);
-    if (displays) syncScreens();
     refresh();
     for (auto& w : windows_) w->update();
 }
