@@ -250,8 +250,12 @@ TEST(DesktopEndToEnd, ASmallScreenAHugeCommandAndTheDisplayGoingAway) {
     if (skipWithoutDesktop(why)) GTEST_SKIP() << why;
     Desk desk(640, 480, "shop-" + std::string(200, 'n'));
     ASSERT_TRUE(desk.x.ok());
+    // An older single-display preference naming this screen becomes the selection.
+    writeFile(desk.home / ".config/lumora/defaults.json", R"({"preferredDisplay": "screen"})");
     desk.start({});  // no flag, no terminal, a display: the pill
     ASSERT_TRUE(eventually([&] { return desk.shows("pill"); }));
+    auto stored = Json::parse(readFile(desk.home / ".config/lumora/defaults.json"), nullptr, false);
+    EXPECT_EQ(stored.value("notchDisplays", Json()), Json::array({"screen"})) << stored.dump();
 
     // A desktop's top bar appears: the pill moves under it.
     Program bar({LUMORA_COVER_WINDOW, "--top-bar", "28"}, {{"DISPLAY", desk.x.name()}, {"ASAN_OPTIONS", "detect_leaks=0"}});

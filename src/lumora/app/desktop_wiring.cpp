@@ -39,6 +39,7 @@ ui::DesktopViewOptions desktopOptions(SettingsStore& s) {
     o.setDisplay = [&s](const std::string& key, bool enabled, const std::vector<DisplayInfo>& connected) {
         s.setDisplayEnabled(key, enabled, connected);
     };
+    o.displaysFound = [&s](const std::vector<DisplayInfo>& connected) { s.migrateLegacyDisplay(connected); };
     o.settingsFields = {
         flag(s, S::kSoundEnabled, "Sounds", &S::soundEnabled),
         choice(s, S::kHoverResponse, "Hover response",

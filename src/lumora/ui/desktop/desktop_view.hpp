@@ -43,6 +43,9 @@ struct DesktopViewOptions {
     std::vector<SettingsField> settingsFields;
     // Switches the pill on one display on or off.
     std::function<void(const std::string& key, bool enabled, const std::vector<DisplayInfo>& connected)> setDisplay;
+    // Told the connected displays once at start, before the pills are placed
+    // (the place to move an older display preference into the selection).
+    std::function<void(const std::vector<DisplayInfo>& connected)> displaysFound;
     // Runs when the pill closes (a stop signal, the display going away) before
     // the loop stops: the place to hand held prompts back and save state.
     std::function<void()> onQuit;

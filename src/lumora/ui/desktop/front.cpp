@@ -208,6 +208,10 @@ Front::Front(ViewBackend& backend, const DesktopViewOptions& options) : backend_
         QTimer::singleShot(0, [this] { syncScreens(); });
     });
     QObject::connect(app, &QGuiApplication::primaryScreenChanged, [this](QScreen*) { syncScreens(); });
+    if (options_.displaysFound) {
+        options_.displaysFound(connected());
+        look_ = options_.look ? options_.look() : DesktopLook{};
+    }
     refresh();
     syncScreens();
     cursor_ = std::make_unique<CursorWatch>([this](QPoint pos, double vx, double vy) {
