@@ -199,7 +199,7 @@ public:
 
     void choose(const std::string& id, ApprovalChoice::Kind kind);
     void panelOpened();
-    void panelClosed();
+    void panelClosed(bool redraw = true);
     void showSettings();
     std::vector<DisplayInfo> connected() const;
     // The windows, one per chosen display (for benchmarks).

@@ -336,10 +336,10 @@ void Front::panelOpened() {
     }
 }
 
-void Front::panelClosed() {
+void Front::panelClosed(bool redraw) {
     if (openPanels_ > 0 && --openPanels_ == 0) {
         state_.frozen.reset();
-        refresh();
+        if (redraw) refresh();
     }
 }
 

@@ -181,7 +181,8 @@ PillWindow::PillWindow(Front& front, QScreen* screen) : front_(front), screen_(s
 }
 
 PillWindow::~PillWindow() {
-    if (phase_ == NotchState::Phase::expanded) front_.panelClosed();
+    // Going with its display (or at the end): no redraw of the others from here.
+    if (phase_ == NotchState::Phase::expanded) front_.panelClosed(false);
 }
 
 void PillWindow::refresh() {
