@@ -95,6 +95,7 @@ private:
     // `move`); returns its height.
     int place(int width, bool move);
     void rebuildButtons();
+    void describe();
     bool compact() const;
 
     Front& front_;

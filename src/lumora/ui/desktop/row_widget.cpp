@@ -81,13 +81,27 @@ RowWidget::RowWidget(Front& front, const AgentInstance& instance, QWidget* paren
     setAttribute(Qt::WA_Hover);
     setMouseTracking(true);
     setCursor(Qt::ArrowCursor);
+    describe();
     rebuildButtons();
 }
 
 void RowWidget::setInstance(const AgentInstance& instance) {
     a_ = instance;
+    describe();
     rebuildButtons();
     update();
+}
+
+void RowWidget::describe() {
+    // The painted text, for screen readers and for a hover over an elided label.
+    QString project = q(a_.projectName.empty() ? a_.cwd : a_.projectName);
+    QString branch = branchText(a_);
+    QString status = QString::fromStdString(std::string(label(a_.status)));
+    QString agent = QString::fromStdString(std::string(scrivet::displayName(a_.provider)));
+    setAccessibleName(project + (branch.isEmpty() ? QString() : " · " + branch) + ", " + status + ", " + agent);
+    QString about = aboutText(a_);
+    setToolTip(project + (branch.isEmpty() ? QString() : " · " + branch) + "\n" + q(a_.cwd) +
+               (about.isEmpty() ? QString() : "\n" + about.left(300)));
 }
 
 bool RowWidget::compact() const {
