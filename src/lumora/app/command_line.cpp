@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "lumora/app/approvals_command.hpp"
+#include "lumora/app/desktop_wiring.hpp"
 #include "lumora/app/hooks_command.hpp"
 #include "lumora/app/jump_command.hpp"
 #include "lumora/app/lumora_app.hpp"
@@ -40,7 +41,11 @@ int run(int argc, char** argv) {
     bool processes = false;
     app.add_flag("--processes", processes, "Print every agent process with its session, host and repository");
     bool demo = false;
-    app.add_flag("--demo", demo, "Open the terminal view on scripted sessions (touches no agent or socket)");
+    app.add_flag("--demo", demo, "Open the view on scripted sessions (touches no agent or socket)");
+    bool desktop = false, terminal = false;
+    auto* desktopFlag = app.add_flag("--desktop", desktop,
+                                     "Show the desktop pill (the default without a terminal when a display is there)");
+    app.add_flag("--terminal", terminal, "Show the terminal view")->excludes(desktopFlag);
     bool approvals = false;
     std::string approvalToRemove;
     app.add_flag("--approvals", approvals, "List the always-allow approval rules with their ids");
@@ -81,6 +86,10 @@ int run(int argc, char** argv) {
     if (paths) return printPaths();
     if (HooksCommand::requested(hookFlags)) return HooksCommand::run(hookFlags, std::cout, std::cerr);
     if (processes) return ProcessesCommand::run();
+    if (demo && desktop) {
+        Log::silence();
+        return ui::runDesktopDemo(desktopOptions(SettingsStore::shared()));
+    }
     if (demo) return ui::runDemo([] { return viewSettings(SettingsStore::shared()); });
     if (approvals) return ApprovalsCommand::list(ApprovalRulesStore::shared(), std::cout);
     if (removeApproval->count() > 0)
@@ -94,7 +103,9 @@ int run(int argc, char** argv) {
     if (scan) return RunCommands::scan(json);
     HooksCommand::refreshAtStart();
     if (noUI) return RunCommands::headless();
-    return RunCommands::interactive();
+    return RunCommands::interactive(desktop    ? RunCommands::Face::desktop
+                                    : terminal ? RunCommands::Face::terminal
+                                               : RunCommands::Face::automatic);
 }
 
 }  // namespace lumora::CommandLine

@@ -14,6 +14,7 @@
 
 #include "lumora/base/json_text.hpp"
 #include "lumora/base/log.hpp"
+#include "lumora/app/desktop_wiring.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/hooks/hook_client.hpp"
 #include "lumora/app/usage_command.hpp"
@@ -245,8 +246,46 @@ int headless() {
     return 0;
 }
 
-int interactive() {
-    if (!ui::terminalAvailable()) return headless();
+namespace {
+
+int desktop() {
+    if (!ui::desktopBuilt()) {
+        std::cerr << "lumora: this build has no desktop front end (Qt 6 Widgets was not found when it was built)\n";
+        return 1;
+    }
+    if (!ui::displayAvailable()) {
+        std::cerr << "lumora: no display to show the pill on (DISPLAY and WAYLAND_DISPLAY are not set)\n";
+        return 1;
+    }
+    if (anotherInstanceRuns()) return 1;
+    Paths::ensureSupportFolder();
+    Log::toFile(Paths::logFile());
+    LumoraApp app;
+    AppBackend backend(app);
+    // A socket it cannot serve shows in the panel's footer ("Hooks not listening: ...").
+    app.start(true);
+    auto options = ui::DesktopViewOptions(desktopOptions(app.settings()));
+    options.onQuit = [&] {
+        exitAfter(kStopDeadline, 0);  // stopping may not hang
+        app.stop();
+    };
+    int code = ui::runDesktopView(backend, options);
+    app.stop();
+    return code;
+}
+
+}  // namespace
+
+int interactive(Face face) {
+    if (face == Face::desktop) return desktop();
+    if (face == Face::terminal && !ui::terminalAvailable()) {
+        std::cerr << "lumora: the terminal view needs a terminal\n";
+        return 1;
+    }
+    if (!ui::terminalAvailable()) {
+        if (ui::desktopBuilt() && ui::displayAvailable()) return desktop();
+        return headless();
+    }
     if (anotherInstanceRuns()) return 1;
     Paths::ensureSupportFolder();
     Log::toFile(Paths::logFile());

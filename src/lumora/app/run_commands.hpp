@@ -16,8 +16,15 @@ int scan(bool json);
 // off (every prompt goes back to the agent at once); prints one line per
 // status change and peek event until interrupted.
 int headless();
-// `lumora` with no flag: the terminal view when there is a terminal, else headless.
-int interactive();
+// Which face `lumora` shows.
+enum class Face {
+    automatic,  // the terminal view in a terminal, else the pill when there is a display, else headless
+    terminal,   // `--terminal`
+    desktop,    // `--desktop`
+};
+// `lumora` with no flag (or `--terminal`, `--desktop`): the monitor, the hook
+// bridge and a front end that can answer prompts.
+int interactive(Face face = Face::automatic);
 
 // One session as a `--scan` line: status, provider, project, branch or
 // worktree, model, context, subagents, summary.
