@@ -5,6 +5,7 @@
 
 #include "lumora/app/approvals_command.hpp"
 #include "lumora/app/hooks_command.hpp"
+#include "lumora/app/login_item_command.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/app/processes_command.hpp"
@@ -53,6 +54,10 @@ int run(int argc, char** argv) {
         ->option_text("FILE");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);
+    std::string launchAtLogin;
+    app.add_option("--launch-at-login", launchAtLogin, "Start Lumora when you log in (on) or not (off)")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->option_text("on|off");
 
     try {
         app.parse(argc, argv);
@@ -69,6 +74,7 @@ int run(int argc, char** argv) {
     if (removeApproval->count() > 0)
         return ApprovalsCommand::remove(ApprovalRulesStore::shared(), approvalToRemove, std::cout, std::cerr);
     if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
+    if (!launchAtLogin.empty()) return LoginItemCommand::run(launchAtLogin, std::cout, std::cerr);
 
     if (scan) return RunCommands::scan(json);
     HooksCommand::refreshAtStart();

@@ -86,6 +86,17 @@ LumoraApp::LumoraApp()
         return canShow(provider, sessionId, gateId);
     });
     monitor_->setOnPublish([this] { published(); });
+    SessionNotifications::Actions notify;
+    notify.decide = [this](const ApprovalRequest& request, bool allow) {
+        decide(request, allow ? ApprovalVerdict::allow : ApprovalVerdict::deny, std::nullopt, *bridge_, rules_);
+        monitor_->refreshNow();
+    };
+    notify.holdsChanged = [this] {
+        applySettings();
+        bridge_->rowsChanged();
+    };
+    notifications_ = std::make_unique<SessionNotifications>(Notifier::desktop("Lumora", "lumora"), std::move(notify));
+    monitor_->setOnAlert([this](const ClaudeMonitor::Alert& alert) { notifications_->alerted(alert.peek); });
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
 }
@@ -105,11 +116,13 @@ void LumoraApp::published() {
         std::lock_guard lock(showableMutex_);
         showable_ = std::move(rows);
     }
+    notifications_->published(monitor_->instances());
     bridge_->rowsChanged();
     if (onPublish_) onPublish_();
 }
 
 bool LumoraApp::canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const {
+    if (notifications_->holds(sessionId, gateId)) return true;
     std::lock_guard lock(showableMutex_);
     return showable_.count({provider, sessionId, gateId}) > 0;
 }
@@ -122,12 +135,15 @@ void LumoraApp::applySettings() {
     s.subagentsEnabled = settings_.subagentsEnabled();
     s.idleTimeoutMinutes = settings_.idleTimeoutMinutes();
     monitor_->setSettings(s);
-    bridge_->setGating(gatingWanted_ && settings_.approveRuns());
+    notifications_->setSettings({settings_.notificationsEnabled(), settings_.notifyOnDone()});
+    // A notification with Approve and Deny is a face that can answer too.
+    bridge_->setGating((gatingWanted_ || notifications_->canAnswer()) && settings_.approveRuns());
 }
 
 Status LumoraApp::start(bool gatingWanted) {
     gatingWanted_ = gatingWanted;
     Status status = bridge_->start();
+    notifications_->start();
     applySettings();
     monitor_->start();
     // Settings another process changes (a second terminal, a hand edit) apply while we run.
@@ -166,6 +182,7 @@ void LumoraApp::stop() {
     // Nobody is left to answer: every held prompt goes back to the agent.
     bridge_->setGating(false);
     bridge_->releaseAllGates();
+    notifications_->stop();
     monitor_->stop();
     bridge_->stop();
 }

@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "lumora/app/session_notifications.hpp"
 #include "lumora/app/settings_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
@@ -53,6 +54,7 @@ public:
     void setOnPublish(std::function<void()> onPublish) { onPublish_ = std::move(onPublish); }
 
     ClaudeMonitor& monitor() { return *monitor_; }
+    SessionNotifications& notifications() { return *notifications_; }
     HookBridge& bridge() { return *bridge_; }
     ApprovalRulesStore& rules() { return rules_; }
     SettingsStore& settings() { return settings_; }
@@ -72,6 +74,8 @@ private:
     std::unique_ptr<HookBridge> bridge_;
     std::unique_ptr<ProcessDiscovery> discovery_;
     std::unique_ptr<ClaudeMonitor> monitor_;
+    // Desktop notifications; a prompt with Approve and Deny on screen counts as shown.
+    std::unique_ptr<SessionNotifications> notifications_;
     bool gatingWanted_ = false;
     bool started_ = false;
     std::function<void()> onPublish_;

@@ -27,6 +27,8 @@ fs::path hookStateFile();
 fs::path approvalsLog();
 fs::path logFile();
 fs::path spendCacheFile();
+// The entry that starts Lumora at login. Linux: $XDG_CONFIG_HOME/autostart/lumora.desktop.
+fs::path loginItemFile();
 
 // The agents' own folders.
 fs::path claudeHome();        // ~/.claude

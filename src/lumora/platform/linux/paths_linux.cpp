@@ -55,6 +55,7 @@ fs::path hookStateFile() { return supportFolder() / "hook-state.json"; }
 fs::path approvalsLog() { return supportFolder() / "approvals.log"; }
 fs::path logFile() { return supportFolder() / "lumora.log"; }
 fs::path spendCacheFile() { return supportFolder() / "spend-cache.json"; }
+fs::path loginItemFile() { return xdg("XDG_CONFIG_HOME", ".config") / "autostart" / "lumora.desktop"; }
 
 fs::path claudeHome() { return home() / ".claude"; }
 fs::path claudeConfigFile() { return home() / ".claude.json"; }
@@ -82,6 +83,7 @@ std::vector<Entry> all() {
         {"approvals log", approvalsLog()},
         {"log", logFile()},
         {"spend cache", spendCacheFile()},
+        {"login item", loginItemFile()},
         {"claude home", claudeHome()},
         {"claude config", claudeConfigFile()},
         {"claude projects", claudeProjects()},
