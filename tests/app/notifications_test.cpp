@@ -1,0 +1,168 @@
+// Desktop notifications end to end: a live Claude session, the real hook
+// program holding a permission prompt on the real socket, and a stand-in
+// notification service on a private session bus whose buttons answer it.
+#include <gtest/gtest.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
+#include <spdlog/spdlog.h>
+#include <sys/stat.h>
+
+#include <nlohmann/json.hpp>
+
+#include "lumora/app/lumora_app.hpp"
+#include "lumora/base/dates.hpp"
+#include "lumora/base/file_util.hpp"
+#include "lumora/hooks/embedded_resources.hpp"
+#include "lumora/platform/child_process.hpp"
+#include "monitor/child_process.hpp"
+#include "scrivet/claude_transcript_reader.hpp"
+#include "support/session_bus.hpp"
+#include "support/test_support.hpp"
+
+using namespace lumora;
+using namespace lumora::test;
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+
+namespace {
+
+const std::string kSession = "0b6f7c2a-8d41-4e5f-a9b3-6c2d1e0f4a77";
+
+// What the app logs, kept for the test to read.
+class CapturedLog {
+public:
+    CapturedLog() : sink_(std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(256)), old_(spdlog::default_logger()) {
+        auto logger = std::make_shared<spdlog::logger>("test", sink_);
+        logger->set_level(spdlog::level::info);
+        spdlog::set_default_logger(logger);
+    }
+    ~CapturedLog() { spdlog::set_default_logger(old_); }
+    bool contains(const std::string& text) const {
+        for (const auto& line : sink_->last_formatted())
+            if (line.find(text) != std::string::npos) return true;
+        return false;
+    }
+
+private:
+    std::shared_ptr<spdlog::sinks::ringbuffer_sink_mt> sink_;
+    std::shared_ptr<spdlog::logger> old_;
+};
+
+// A Claude Code session the monitor sees as live: a process named claude in
+// the project, its session record and a journal mid-turn.
+struct LiveSession {
+    fs::path project;
+    std::unique_ptr<test::ChildProcess> claude;
+
+    explicit LiveSession(const TempHome& home) : project(home / "proj") {
+        fs::create_directories(project);
+        fs::create_directories(home / "bin");
+        fs::copy_file("/bin/sleep", home / "bin/claude");
+        claude = std::make_unique<test::ChildProcess>(home / "bin/claude", std::vector<std::string>{"claude", "120"},
+                                                      project);
+        auto start = ProcessTable::system().snapshot().find(claude->pid())->start.value();
+        Json record = {{"pid", claude->pid()}, {"sessionId", kSession}, {"cwd", project.string()},
+                       {"startedAt", std::chrono::duration_cast<std::chrono::milliseconds>(start.time_since_epoch()).count()},
+                       {"kind", "interactive"}, {"entrypoint", "cli"}, {"status", "busy"}};
+        writeFile(home / ".claude/sessions" / (std::to_string(claude->pid()) + ".json"), record.dump());
+        std::string stamp = Dates::format(std::chrono::system_clock::now());
+        Json user = {{"type", "user"}, {"message", {{"role", "user"}, {"content", "rebuild"}}}, {"uuid", "u1"},
+                     {"timestamp", stamp}, {"cwd", project.string()}, {"sessionId", kSession}};
+        writeFile(scrivet::ClaudeTranscriptReader::transcriptURL(home / ".claude/projects", project.string(), kSession),
+                  user.dump() + "\n");
+    }
+};
+
+}  // namespace
+
+TEST(DesktopNotifications, AHeldPromptIsAnsweredFromItsNotificationAndOnlyByItsOwnKey) {
+    if (auto why = SessionBus::missing()) GTEST_SKIP() << *why;
+    TempHome home;
+    SessionBus bus;
+    ASSERT_TRUE(bus.running());
+    ASSERT_TRUE(bus.startServer());
+    CapturedLog logged;
+    LiveSession session(home);
+    fs::create_directories(home / "run");
+    ::chmod((home / "run").c_str(), 0700);
+    ScopedEnv socket("LUMORA_SOCKET", (home / "run/notch.sock").string());
+    fs::path hook = home / "notch-hook.py";
+    ASSERT_TRUE(FileUtil::writeAtomically(hook, *EmbeddedResources::text("notch-hook.py"), 0755));
+    auto gate = [&](const std::string& command) {
+        Json input = {{"session_id", kSession}, {"hook_event_name", "PermissionRequest"}, {"tool_name", "Bash"},
+                      {"tool_input", {{"command", command}, {"description", "Rebuild"}}},
+                      {"cwd", session.project.string()}};
+        return lumora::ChildProcess::spawn({"/usr/bin/python3", hook.string(), "gate"}, input.dump());
+    };
+    auto loop = [](const std::function<bool()>& done) { return RunLoop::main().runUntil(done, 15s); };
+    auto promptNotifications = [&] {
+        std::vector<Json> out;
+        for (auto& n : bus.calls("Notify"))
+            if (n["actions"].dump().find("approve:") != std::string::npos) out.push_back(n);
+        return out;
+    };
+
+    LumoraApp app;
+    app.settings().setBool(SettingsStore::kHooksEnabled, true);
+    // Nothing but the notification can answer here (no view is running).
+    app.start(false);
+    ASSERT_TRUE(loop([&] { return app.notifications().canAnswer(); }));
+
+    // A held prompt: one notification with Approve and Deny, the command whole.
+    auto first = gate("rm -rf build && make all");
+    ASSERT_TRUE(first);
+    ASSERT_TRUE(loop([&] { return promptNotifications().size() == 1; }));
+    Json shown = promptNotifications()[0];
+    EXPECT_EQ(shown["app_name"], "Lumora");
+    EXPECT_EQ(shown["summary"], "proj wants to run");
+    EXPECT_EQ(shown["body"], "rm -rf build &amp;&amp; make all\nRebuild");
+    std::string firstApprove = shown["actions"][2];
+    ASSERT_EQ(firstApprove.rfind("approve:", 0), 0u);
+    std::string firstId = firstApprove.substr(8);
+    EXPECT_EQ(shown["actions"], Json({"default", "Open", "approve:" + firstId, "Approve", "deny:" + firstId, "Deny"}));
+    // The notification counts as a face that shows it: the bridge holds it.
+    ASSERT_TRUE(loop([&] {
+        auto snapshot = app.bridge().snapshot(std::chrono::system_clock::now());
+        auto g = snapshot.gate(kSession);
+        return g && g->shown;
+    }));
+
+    // A newer prompt of the session replaces it in place with its own keys.
+    auto second = gate("git push");
+    ASSERT_TRUE(loop([&] { return promptNotifications().size() == 2; }));
+    Json replaced = promptNotifications()[1];
+    EXPECT_EQ(replaced["replaces_id"], shown["id"]);
+    EXPECT_EQ(replaced["body"], "git push\nRebuild");
+    std::string secondId = replaced["actions"][2].get<std::string>().substr(8);
+    EXPECT_NE(secondId, firstId);
+    ASSERT_TRUE(first->wait(10s));
+    EXPECT_EQ(first->output(), "");  // handed back to the agent
+
+    // A press on the outdated prompt's Approve answers nothing.
+    uint32_t id = replaced["id"];
+    ASSERT_TRUE(bus.invoke(id, "approve:" + firstId));
+    ASSERT_TRUE(loop([&] { return logged.contains("ignored approve:" + firstId); }));
+    EXPECT_FALSE(second->wait(0ms));
+
+    // The current Approve answers the hook, and the notification closes.
+    ASSERT_TRUE(bus.invoke(id, "approve:" + secondId));
+    ASSERT_TRUE(loop([&] { return second->wait(0ms); }));
+    Json printed = Json::parse(second->output());
+    EXPECT_EQ(printed["hookSpecificOutput"]["decision"]["behavior"], "allow");
+    ASSERT_TRUE(loop([&] {
+        for (auto& c : bus.calls("CloseNotification"))
+            if (c["id"] == id) return true;
+        return false;
+    }));
+    app.stop();
+}
+
+TEST(DesktopNotifications, ActionKeysNameTheirPromptAndAnythingElseIsRefused) {
+    using Press = NotificationKeys::Press;
+    EXPECT_EQ(NotificationKeys::parse(NotificationKeys::approve(12)), (Press{Press::Kind::approve, 12, 0}));
+    EXPECT_EQ(NotificationKeys::parse(NotificationKeys::deny(7)), (Press{Press::Kind::deny, 7, 0}));
+    EXPECT_EQ(NotificationKeys::parse(NotificationKeys::answer(3, 2)), (Press{Press::Kind::answer, 3, 2}));
+    EXPECT_EQ(NotificationKeys::parse("default"), Press{});
+    for (const char* bad : {"", "approve:", "approve:0", "approve:-1", "approve:1x", "approve: 1", "deny:1:2",
+                            "answer:3", "answer:3:0", "answer:3:4", "answer::1", "Approve:1", "approve:99999999999999999999"})
+        EXPECT_FALSE(NotificationKeys::parse(bad)) << bad;
+}
