@@ -153,6 +153,18 @@ TEST(DesktopNotifications, AHeldPromptIsAnsweredFromItsNotificationAndOnlyByItsO
             if (c["id"] == id) return true;
         return false;
     }));
+
+    // Dismissing a prompt's notification answers nothing: the agent asks itself at once.
+    auto third = gate("make deploy");
+    ASSERT_TRUE(loop([&] { return promptNotifications().size() == 3; }));
+    ASSERT_TRUE(loop([&] {
+        auto snapshot = app.bridge().snapshot(std::chrono::system_clock::now());
+        auto g = snapshot.gate(kSession);
+        return g && g->shown;
+    }));
+    ASSERT_TRUE(bus.dismiss(promptNotifications()[2]["id"]));
+    ASSERT_TRUE(loop([&] { return third->wait(0ms); }));
+    EXPECT_EQ(third->output(), "");
     app.stop();
 }
 

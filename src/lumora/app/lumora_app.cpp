@@ -95,6 +95,10 @@ LumoraApp::LumoraApp()
         applySettings();
         bridge_->rowsChanged();
     };
+    notify.dismissed = [this](const std::string& sessionId, uint64_t gateId) {
+        if (viewShows(sessionId, gateId)) return;
+        bridge_->handBack(sessionId, gateId);
+    };
     notifications_ = std::make_unique<SessionNotifications>(Notifier::desktop("Lumora", "lumora"), std::move(notify));
     monitor_->setOnAlert([this](const ClaudeMonitor::Alert& alert) { notifications_->alerted(alert.peek); });
     settings_.setListener([this](const std::string&) { applySettings(); });
@@ -108,7 +112,8 @@ LumoraApp::~LumoraApp() {
 
 void LumoraApp::published() {
     std::set<std::tuple<HarnessProvider, std::string, uint64_t>> rows;
-    for (const auto& a : monitor_->instances()) {
+    // Without a view no row shows buttons; only a notification can.
+    for (const auto& a : gatingWanted_ ? monitor_->instances() : std::vector<AgentInstance>{}) {
         if (a.approval && a.approval->approvable && a.approval->gateId != 0)
             rows.emplace(a.provider, a.id, a.approval->gateId);
     }
@@ -125,6 +130,14 @@ bool LumoraApp::canShow(HarnessProvider provider, const std::string& sessionId, 
     if (notifications_->holds(sessionId, gateId)) return true;
     std::lock_guard lock(showableMutex_);
     return showable_.count({provider, sessionId, gateId}) > 0;
+}
+
+bool LumoraApp::viewShows(const std::string& sessionId, uint64_t gateId) const {
+    if (!gatingWanted_) return false;  // no view runs
+    std::lock_guard lock(showableMutex_);
+    for (const auto& [provider, id, gate] : showable_)
+        if (id == sessionId && gate == gateId) return true;
+    return false;
 }
 
 void LumoraApp::applySettings() {

@@ -67,6 +67,8 @@ private:
     // Tells the bridge which held prompts the published rows show with buttons.
     void published();
     bool canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const;
+    // Whether a view's row shows prompt `gateId` with its buttons.
+    bool viewShows(const std::string& sessionId, uint64_t gateId) const;
 
     DefaultsStore& defaults_;
     SettingsStore& settings_;

@@ -269,10 +269,13 @@ void SessionNotifications::onClosed(const std::string& sessionId) {
     if (!running_) return;
     // Dismissed, expired or refused: it answers nothing, and the session gets
     // a new notification only when it needs the user anew.
-    shown_.erase(sessionId);
+    auto it = shown_.find(sessionId);
+    uint64_t gate = it != shown_.end() ? it->second.gateId : 0;
+    if (it != shown_.end()) shown_.erase(it);
     risen_.erase(sessionId);
     finished_.erase(sessionId);
     setHeld(sessionId, 0);
+    if (gate != 0 && actions_.dismissed) actions_.dismissed(sessionId, gate);
 }
 
 void SessionNotifications::onPress(const std::string& sessionId, const std::string& key) {

@@ -69,6 +69,8 @@ public:
         std::function<bool(const std::string& sessionId)> panelShows;
         // holds() changed: the hook bridge asks again which prompts are shown.
         std::function<void()> holdsChanged;
+        // The notification of held prompt `gateId` went without an answer (dismissed, expired).
+        std::function<void(const std::string& sessionId, uint64_t gateId)> dismissed;
     };
 
     SessionNotifications(std::unique_ptr<Notifier> notifier, Actions actions, RunLoop& loop = RunLoop::main());
