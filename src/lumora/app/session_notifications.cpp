@@ -122,6 +122,7 @@ void SessionNotifications::stop() {
     risen_.clear();
     finished_.clear();
     notifiedGate_.clear();
+    handedBackAt_.clear();
     std::lock_guard lock(mutex_);
     held_.clear();
     caps_ = {};
@@ -181,6 +182,7 @@ std::optional<SessionNotifications::Shown> SessionNotifications::wanted(const Ag
         finished_.erase(a.id);
         out.content.urgent = true;
         if (holdsPrompt(a) && caps.actions) {
+            handedBackAt_.erase(a.id);
             uint64_t gate = a.approval->gateId;
             // A prompt whose notification was dismissed is not shown again.
             if (current == shown_.end() && notifiedGate_[a.id] == gate) return std::nullopt;
@@ -190,8 +192,20 @@ std::optional<SessionNotifications::Shown> SessionNotifications::wanted(const Ag
             out.content.actions.push_back({NotificationKeys::deny(gate), ApprovalLabels::deny});
             return out;
         }
-        // The prompt we showed buttons for was answered elsewhere or handed back.
+        // The prompt we showed buttons for was answered elsewhere or handed
+        // back. A newer prompt of the session may be on its way (its rule
+        // check runs first): it would replace this one in place, so the
+        // notification stays for a moment before it closes.
         if (current != shown_.end() && current->second.gateId != 0) {
+            auto now = std::chrono::steady_clock::now();
+            auto [at, fresh] = handedBackAt_.try_emplace(a.id, now);
+            if (now - at->second < kHandBackGrace) {
+                if (fresh) loop_.postAfter(kHandBackGrace, [this, alive = alive_] {
+                    if (*alive) reconcile();
+                });
+                return current->second;
+            }
+            handedBackAt_.erase(at);
             risen_.erase(a.id);
             return std::nullopt;
         }
@@ -199,6 +213,7 @@ std::optional<SessionNotifications::Shown> SessionNotifications::wanted(const Ag
         return std::nullopt;
     }
     risen_.erase(a.id);
+    handedBackAt_.erase(a.id);
     if (a.status == AgentStatus::working) finished_.erase(a.id);
     if (!finished_.count(a.id)) return std::nullopt;
     out.done = true;
@@ -240,6 +255,7 @@ void SessionNotifications::reconcile() {
     std::erase_if(risen_, [&](const std::string& id) { return !live.count(id); });
     std::erase_if(finished_, [&](const std::string& id) { return !live.count(id); });
     std::erase_if(notifiedGate_, [&](const auto& entry) { return !live.count(entry.first); });
+    std::erase_if(handedBackAt_, [&](const auto& entry) { return !live.count(entry.first); });
 }
 
 void SessionNotifications::setHeld(const std::string& sessionId, uint64_t gateId) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -122,6 +123,9 @@ private:
     std::set<std::string> risen_;             // sessions whose needs-you alert asked for a notification
     std::set<std::string> finished_;          // sessions whose finished turn asked for one
     std::map<std::string, uint64_t> notifiedGate_;  // the last prompt each session was notified for
+    // Sessions whose notified prompt went away while they still need the user, and since when.
+    std::map<std::string, std::chrono::steady_clock::time_point> handedBackAt_;
+    static constexpr std::chrono::milliseconds kHandBackGrace{1500};
 
     mutable std::mutex mutex_;  // over the two below, read by the hook bridge's thread
     std::set<std::pair<std::string, uint64_t>> held_;
