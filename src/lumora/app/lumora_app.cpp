@@ -112,9 +112,9 @@ LumoraApp::~LumoraApp() {
 
 void LumoraApp::published() {
     std::set<std::tuple<HarnessProvider, std::string, uint64_t>> rows;
-    // Without a view no row shows buttons; only a notification can.
-    for (const auto& a : gatingWanted_ ? monitor_->instances() : std::vector<AgentInstance>{}) {
-        if (a.approval && a.approval->approvable && a.approval->gateId != 0)
+    for (const auto& a : monitor_->instances()) {
+        // Without a view no row shows buttons; only a notification can.
+        if (gatingWanted_ && a.approval && a.approval->approvable && a.approval->gateId != 0)
             rows.emplace(a.provider, a.id, a.approval->gateId);
     }
     {
