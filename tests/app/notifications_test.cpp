@@ -174,7 +174,8 @@ TEST(DesktopNotifications, ActionKeysNameTheirPromptAndAnythingElseIsRefused) {
     EXPECT_EQ(NotificationKeys::parse(NotificationKeys::deny(7)), (Press{Press::Kind::deny, 7, 0}));
     EXPECT_EQ(NotificationKeys::parse(NotificationKeys::answer(3, 2)), (Press{Press::Kind::answer, 3, 2}));
     EXPECT_EQ(NotificationKeys::parse("default"), Press{});
-    for (const char* bad : {"", "approve:", "approve:0", "approve:-1", "approve:1x", "approve: 1", "deny:1:2",
-                            "answer:3", "answer:3:0", "answer:3:4", "answer::1", "Approve:1", "approve:99999999999999999999"})
+    for (const char* bad : {"", "approve:", "approve:0", "approve:-1", "approve:1x", "approve: 1", "approve:012",
+                            "deny:1:2", "answer:3", "answer:3:0", "answer:3:4", "answer:3:02", "answer::1",
+                            "Approve:1", "approve:99999999999999999999"})
         EXPECT_FALSE(NotificationKeys::parse(bad)) << bad;
 }

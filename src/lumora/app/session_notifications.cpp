@@ -13,7 +13,9 @@ namespace NotificationKeys {
 
 namespace {
 
+// A number as we write it: decimal digits, no sign, no leading zero.
 std::optional<uint64_t> number(std::string_view text) {
+    if (text.size() > 1 && text.front() == '0') return std::nullopt;
     uint64_t value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (ec != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
