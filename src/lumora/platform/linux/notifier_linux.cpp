@@ -108,9 +108,10 @@ public:
             std::lock_guard lock(mutex_);
             stopping_ = true;
             accepting_ = false;
+            wake();
         }
-        wake();
         if (thread_.joinable()) thread_.join();
+        std::lock_guard lock(mutex_);
         if (wakeFd_ >= 0) ::close(wakeFd_);
         wakeFd_ = -1;
     }
@@ -135,14 +136,13 @@ private:
     };
 
     void enqueue(Command command) {
-        {
-            std::lock_guard lock(mutex_);
-            if (!accepting_) return;
-            commands_.push_back(std::move(command));
-        }
+        std::lock_guard lock(mutex_);
+        if (!accepting_) return;
+        commands_.push_back(std::move(command));
         wake();
     }
 
+    // Under mutex_: the descriptor lives as long as the worker.
     void wake() {
         if (wakeFd_ < 0) return;
         uint64_t one = 1;
