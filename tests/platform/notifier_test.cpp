@@ -84,6 +84,8 @@ TEST_F(NotifierTest, ShowsReplacesInPlaceReportsPressesAndCloses) {
     ASSERT_TRUE(eventually([&] { return r.read([](auto& x) { return x.shown.back().second == 9; }); }));
 
     uint32_t id = first["id"];
+    // A look-alike signal from a program that does not own the service's name is not a press.
+    ASSERT_TRUE(bus_->spoof(id, "approve:666"));
     ASSERT_TRUE(bus_->invoke(id, "approve:9"));
     ASSERT_TRUE(eventually([&] { return r.read([](auto& x) { return !x.presses.empty(); }); }));
     EXPECT_EQ(r.read([](auto& x) { return x.presses[0]; }), std::make_pair(std::string("s1"), std::string("approve:9")));

@@ -12,6 +12,7 @@ Modes (second argument): "normal"; "noactions" (no "actions" capability);
 the wrong types).
 """
 import json
+import os
 import sys
 
 import dbus
@@ -84,6 +85,17 @@ class Server(dbus.service.Object):
     def Invoke(self, nid, key):
         self.record(call="Invoke", id=int(nid), key=str(key))
         self.ActionInvoked(dbus.UInt32(nid), key)
+
+    @dbus.service.method("test.Control", in_signature="us", out_signature="")
+    def Spoof(self, nid, key):
+        # The same signal from another connection, which does not own the name.
+        self.record(call="Spoof", id=int(nid), key=str(key))
+        other = dbus.bus.BusConnection(os.environ["DBUS_SESSION_BUS_ADDRESS"])
+        signal = dbus.lowlevel.SignalMessage(PATH, NAME, "ActionInvoked")
+        signal.append(dbus.UInt32(nid), str(key), signature="us")
+        other.send_message(signal)
+        other.flush()
+        other.close()
 
     @dbus.service.method("test.Control", in_signature="u", out_signature="")
     def Dismiss(self, nid):

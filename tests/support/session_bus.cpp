@@ -94,6 +94,10 @@ bool SessionBus::invoke(uint32_t id, const std::string& key) {
     return control({"test.Control.Invoke", "uint32:" + std::to_string(id), "string:" + key});
 }
 
+bool SessionBus::spoof(uint32_t id, const std::string& key) {
+    return control({"test.Control.Spoof", "uint32:" + std::to_string(id), "string:" + key});
+}
+
 bool SessionBus::dismiss(uint32_t id) { return control({"test.Control.Dismiss", "uint32:" + std::to_string(id)}); }
 
 }  // namespace lumora::test

@@ -37,6 +37,8 @@ public:
     // Makes the service report a press of `key` on notification `id`, or its dismissal.
     bool invoke(uint32_t id, const std::string& key);
     bool dismiss(uint32_t id);
+    // The same press, sent by a connection that does not own the service's name.
+    bool spoof(uint32_t id, const std::string& key);
 
 private:
     bool control(const std::vector<std::string>& arguments);
