@@ -6,7 +6,9 @@
 #include <spdlog/spdlog.h>
 #include <sys/stat.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/base/dates.hpp"
@@ -178,4 +180,86 @@ TEST(DesktopNotifications, ActionKeysNameTheirPromptAndAnythingElseIsRefused) {
                             "deny:1:2", "answer:3", "answer:3:0", "answer:3:4", "answer:3:02", "answer::1",
                             "Approve:1", "approve:99999999999999999999"})
         EXPECT_FALSE(NotificationKeys::parse(bad)) << bad;
+}
+
+namespace {
+
+// A notification service in memory: what is on screen per slot, every call answered at once.
+class ScreenNotifier : public Notifier {
+public:
+    std::map<std::string, Notification> screen;
+    int shows = 0;
+    Events events;
+    void start(Events e) override {
+        events = std::move(e);
+        events.availability({true, true});
+    }
+    void show(const std::string& slot, const Notification& n) override {
+        screen[slot] = n;
+        ++shows;
+        events.shown(slot, n.tag);
+    }
+    void close(const std::string& slot) override { screen.erase(slot); }
+    void stop() override { screen.clear(); }
+};
+
+AgentInstance session(const std::string& id, AgentStatus status) {
+    AgentInstance a;
+    a.id = id;
+    a.projectName = "proj-" + id;
+    a.status = status;
+    a.summary = "All tests pass.";
+    return a;
+}
+
+}  // namespace
+
+TEST(DesktopNotifications, WhatShowsFollowsTheSessionsAndTheSettings) {
+    auto owned = std::make_unique<ScreenNotifier>();
+    ScreenNotifier& screen = *owned;
+    std::set<std::string> panel;
+    SessionNotifications::Actions actions;
+    actions.panelShows = [&](const std::string& id) { return panel.count(id) > 0; };
+    SessionNotifications notifications(std::move(owned), actions);
+    notifications.start();
+    RunLoop::main().runUntil([&] { return notifications.canAnswer(); }, 5s);
+
+    // A question that rises: one notification with its text; nothing for a session whose panel is open.
+    auto asking = session("a", AgentStatus::attention);
+    asking.question = PendingQuestion{"Which database?", {"SQLite", "Postgres"}, 0};
+    auto watched = session("b", AgentStatus::attention);
+    panel.insert("b");
+    notifications.published({asking, watched});
+    EXPECT_TRUE(screen.screen.empty());  // not news until the monitor alerts
+    notifications.alerted(PeekEvent{1, "a", "proj-a", "Which database?", false});
+    notifications.alerted(PeekEvent{2, "b", "proj-b", "Needs you", false});
+    ASSERT_EQ(screen.screen.size(), 1u);
+    EXPECT_EQ(screen.screen["a"].summary, "proj-a has a question");
+    EXPECT_EQ(screen.screen["a"].body, "Which database?\n" + asking.question->optionsLine());
+
+    // Answered in the agent: closed. A finished turn is news only with notifyOnDone.
+    notifications.published({session("a", AgentStatus::waiting)});
+    EXPECT_TRUE(screen.screen.empty());
+    notifications.alerted(PeekEvent{3, "a", "proj-a", "All tests pass.", true});
+    EXPECT_TRUE(screen.screen.empty());
+    notifications.setSettings({true, true});
+    notifications.alerted(PeekEvent{4, "a", "proj-a", "All tests pass.", true});
+    ASSERT_EQ(screen.screen.count("a"), 1u);
+    EXPECT_EQ(screen.screen["a"].summary, "proj-a finished its turn");
+    // Republishing the same list changes nothing; the session working again takes it away.
+    int shows = screen.shows;
+    notifications.published({session("a", AgentStatus::waiting)});
+    EXPECT_EQ(screen.shows, shows);
+    notifications.published({session("a", AgentStatus::working)});
+    EXPECT_TRUE(screen.screen.empty());
+
+    // Turned off: what shows goes, and nothing new comes.
+    notifications.published({asking});
+    notifications.alerted(PeekEvent{5, "a", "proj-a", "Which database?", false});
+    ASSERT_EQ(screen.screen.size(), 1u);
+    notifications.setSettings({false, true});
+    EXPECT_TRUE(screen.screen.empty());
+    EXPECT_FALSE(notifications.canAnswer());
+    notifications.alerted(PeekEvent{6, "a", "proj-a", "Which database?", false});
+    EXPECT_TRUE(screen.screen.empty());
 }

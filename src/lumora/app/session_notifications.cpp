@@ -157,7 +157,7 @@ bool SessionNotifications::holds(const std::string& sessionId, uint64_t gateId) 
 
 bool SessionNotifications::canAnswer() const {
     std::lock_guard lock(mutex_);
-    return caps_.available && caps_.actions;
+    return running_ && settings_.enabled && caps_.available && caps_.actions;
 }
 
 const AgentInstance* SessionNotifications::instance(const std::string& sessionId) const {

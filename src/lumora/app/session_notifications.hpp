@@ -92,7 +92,8 @@ public:
     // True while a notification with Approve and Deny for prompt `gateId`
     // of `sessionId` is on screen. Any thread.
     bool holds(const std::string& sessionId, uint64_t gateId) const;
-    // True while the service is there and shows actions, so a held prompt can be answered from it. Any thread.
+    // True while notifications are on and the service is there and shows
+    // actions, so a held prompt can be answered from one. Main loop.
     bool canAnswer() const;
 
 private:
