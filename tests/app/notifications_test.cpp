@@ -104,7 +104,6 @@ TEST(DesktopNotifications, AHeldPromptIsAnsweredFromItsNotificationAndOnlyByItsO
     };
 
     LumoraApp app;
-    app.settings().setBool(SettingsStore::kHooksEnabled, true);
     // Nothing but the notification can answer here (no view is running).
     app.start(false);
     ASSERT_TRUE(loop([&] { return app.notifications().canAnswer(); }));
