@@ -95,8 +95,13 @@ TEST_F(NotifierTest, ShowsReplacesInPlaceReportsPressesAndCloses) {
     ASSERT_TRUE(eventually([&] { return bus_->calls("CloseNotification").size() == 1; }));
     ASSERT_TRUE(bus_->invoke(id, "approve:9"));
     // Dismissed by the user: reported as closed.
+    auto shownIn = [&](const std::string& slot) {
+        return eventually([&] {
+            return r.read([&](auto& x) { return x.shown.back().first == slot; });
+        });
+    };
     notifier->show("s2", prompt(10, "four"));
-    ASSERT_TRUE(eventually([&] { return r.read([](auto& x) { return x.shown.size() >= 3; }); }));
+    ASSERT_TRUE(shownIn("s2"));
     uint32_t second = bus_->calls("Notify").back()["id"];
     ASSERT_TRUE(bus_->dismiss(second));
     ASSERT_TRUE(eventually([&] { return r.read([](auto& x) { return x.closed.size() == 1; }); }));
@@ -105,7 +110,7 @@ TEST_F(NotifierTest, ShowsReplacesInPlaceReportsPressesAndCloses) {
 
     // Stopping takes what is still on screen away.
     notifier->show("s3", prompt(11, "five"));
-    ASSERT_TRUE(eventually([&] { return r.read([](auto& x) { return x.shown.size() >= 4; }); }));
+    ASSERT_TRUE(shownIn("s3"));
     notifier->stop();
     EXPECT_TRUE(eventually([&] { return bus_->calls("CloseNotification").size() == 2; }));
 }

@@ -10,6 +10,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -178,7 +180,15 @@ private:
             }
             waitForWork();
         }
-        // Nothing is left to answer a press: take our notifications off the screen.
+        // Nothing is left to answer a press: take our notifications off the
+        // screen, after a short wait for those the service is still putting up.
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+        while (std::any_of(slots_.begin(), slots_.end(), [](const auto& s) { return s.second.pending; }) &&
+               std::chrono::steady_clock::now() < deadline) {
+            for (auto& [name, slot] : slots_) slot.next.reset();
+            if (sd_bus_process(bus_, nullptr) < 0) break;
+            sd_bus_wait(bus_, 50'000);
+        }
         for (const auto& [name, slot] : slots_) {
             if (slot.serverId != 0) sendClose(slot.serverId);
         }
