@@ -4,7 +4,9 @@ JOBS ?= $(shell nproc)
 ARGS ?=
 FUZZ_SECONDS ?= 60
 
-.PHONY: all bootstrap build run test test-tsan bench fuzz clean
+.PHONY: all bootstrap build run test test-tsan bench fuzz install uninstall deb clean
+PREFIX ?= /usr/local
+DESTDIR ?=
 
 all: build
 
@@ -62,6 +64,23 @@ fuzz: bootstrap build/fuzz/build.ninja
 	    tail -n 60 build/fuzz/$$name.log; exit 1; fi; \
 	  grep -E '^(Done|stat::number_of_executed_units)' build/fuzz/$$name.log || true; \
 	done
+
+# Installs the release build under $(PREFIX) (below $(DESTDIR) when set).
+install: bootstrap
+	cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA_TESTS=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build build/release -j $(JOBS) --target lumora
+	DESTDIR="$(DESTDIR)" cmake --install build/release
+
+# Removes what the last `make install` put there.
+uninstall:
+	@[ -f build/release/install_manifest.txt ] || { echo "nothing installed from build/release"; exit 1; }
+	xargs -d '\n' rm -f -- < build/release/install_manifest.txt
+
+# A Debian package (build/deb/lumora_<version>_<arch>.deb) installing under /usr.
+deb: bootstrap
+	cmake -S . -B build/deb -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr
+	cmake --build build/deb -j $(JOBS) --target lumora
+	cd build/deb && cpack -G DEB
 
 clean:
 	rm -rf build

@@ -20,6 +20,7 @@
 #include "lumora/hooks/toml_text_edits.hpp"
 #include "lumora/hooks/uninstaller.hpp"
 #include "lumora/platform/child_process.hpp"
+#include "lumora/platform/login_item.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/python_locator.hpp"
 #include "support/test_support.hpp"
@@ -599,6 +600,7 @@ TEST(Uninstaller, DryRunTouchesNothingAndTheRealRunRemovesEverything) {
         }
         return files;
     };
+    ASSERT_FALSE(LoginItem::enable("/usr/bin/lumora"));
     auto before = snapshot();
     EXPECT_TRUE(before.count(Paths::defaultsFile().string() + ".lock"));
     std::ostringstream dry;
@@ -608,7 +610,7 @@ TEST(Uninstaller, DryRunTouchesNothingAndTheRealRunRemovesEverything) {
     ASSERT_EQ(steps.size(), 15u);
     EXPECT_EQ(steps[0].name, "Claude Code hook config (~/.claude/settings.json)");
     for (const auto& s : steps) {
-        bool linuxOnly = s.name == "Login item" || s.name.rfind("Automation", 0) == 0;
+        bool linuxOnly = s.name.rfind("Automation", 0) == 0;
         EXPECT_EQ(s.outcome, linuxOnly ? Uninstaller::Outcome::notPresent : Uninstaller::Outcome::wouldRemove) << s.name;
     }
     for (const char* line : {"  would remove  Codex hook config (~/.codex/hooks.json + config.toml)\n",
@@ -621,7 +623,8 @@ TEST(Uninstaller, DryRunTouchesNothingAndTheRealRunRemovesEverything) {
     steps = Uninstaller::run(false, real, &defaults);
     EXPECT_EQ(real.str().rfind("Removing Lumora…\n", 0), 0u);
     EXPECT_NE(real.str().find("  done          Kimi bridge script\n"), std::string::npos);
-    EXPECT_NE(real.str().find("  not present   Login item\n"), std::string::npos);
+    EXPECT_NE(real.str().find("  done          Login item (~/.config/autostart/lumora.desktop)\n"), std::string::npos);
+    EXPECT_FALSE(LoginItem::enabled());
     EXPECT_NE(real.str().find("UserDefaults wiped.\n"), std::string::npos);
     for (const auto& s : steps) EXPECT_NE(s.outcome, Uninstaller::Outcome::failed) << s.name;
     // The user's files, as they were; nothing of ours anywhere.

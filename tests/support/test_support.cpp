@@ -58,6 +58,8 @@ TempHome::TempHome()
       config_("XDG_CONFIG_HOME", (dir_.path() / ".config").string()),
       cache_("XDG_CACHE_HOME", (dir_.path() / ".cache").string()),
       state_("XDG_STATE_HOME", (dir_.path() / ".local/state").string()),
+      runtime_("XDG_RUNTIME_DIR", (dir_.path() / ".run").string()),
+      bus_("DBUS_SESSION_BUS_ADDRESS", std::nullopt),
       socket_("LUMORA_SOCKET", std::nullopt) {}
 
 void writeFile(const fs::path& file, std::string_view contents) {

@@ -46,7 +46,8 @@ public:
 
 private:
     TempDir dir_;
-    ScopedEnv home_, data_, config_, cache_, state_, socket_;
+    // The session bus too: no test reaches the desktop's real one.
+    ScopedEnv home_, data_, config_, cache_, state_, runtime_, bus_, socket_;
 };
 
 void writeFile(const fs::path& file, std::string_view contents);

@@ -7,6 +7,7 @@
 #include "lumora/app/desktop_wiring.hpp"
 #include "lumora/app/hooks_command.hpp"
 #include "lumora/app/jump_command.hpp"
+#include "lumora/app/login_item_command.hpp"
 #include "lumora/app/lumora_app.hpp"
 #include "lumora/base/log.hpp"
 #include "lumora/app/processes_command.hpp"
@@ -71,6 +72,10 @@ int run(int argc, char** argv) {
                      ->option_text("SESSION_ID");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);
+    std::string launchAtLogin;
+    app.add_option("--launch-at-login", launchAtLogin, "Start Lumora when you log in (on) or not (off)")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->option_text("on|off");
 
     try {
         app.parse(argc, argv);
@@ -97,6 +102,7 @@ int run(int argc, char** argv) {
     if (!transcript.empty()) return TranscriptCommand::run(transcript, std::cout, std::cerr);
     if (usageDoctor) return UsageCommand::doctor(std::cout, SettingsStore::shared().openCodeGoCaps());
     if (jump->count() > 0) return JumpCommand::run(jumpTo, std::cout, std::cerr);
+    if (!launchAtLogin.empty()) return LoginItemCommand::run(launchAtLogin, std::cout, std::cerr);
 
     if (pricingRefresh) return SpendCommand::refreshPricing(std::cout);
     if (spend) return SpendCommand::report(json, std::cout, std::cerr);

@@ -121,6 +121,21 @@ LumoraApp::LumoraApp()
     usage.cache = &UsageSnapshotCache::shared();
     usage_ = std::make_unique<UsagePoller>(std::move(usage));
 
+    SessionNotifications::Actions notify;
+    notify.decide = [this](const ApprovalRequest& request, bool allow) {
+        decide(request, allow ? ApprovalVerdict::allow : ApprovalVerdict::deny, std::nullopt, *bridge_, rules_);
+        monitor_->refreshNow();
+    };
+    notify.holdsChanged = [this] {
+        applySettings();
+        bridge_->rowsChanged();
+    };
+    notify.dismissed = [this](const std::string& sessionId, uint64_t gateId) {
+        if (viewShows(sessionId, gateId)) return;
+        bridge_->handBack(sessionId, gateId);
+    };
+    notifications_ = std::make_unique<SessionNotifications>(Notifier::desktop("Lumora", "lumora"), std::move(notify));
+    monitor_->setOnAlert([this](const ClaudeMonitor::Alert& alert) { notifications_->alerted(alert.peek); });
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
 }
@@ -133,20 +148,31 @@ LumoraApp::~LumoraApp() {
 void LumoraApp::published() {
     std::set<std::tuple<HarnessProvider, std::string, uint64_t>> rows;
     for (const auto& a : monitor_->instances()) {
-        if (a.approval && a.approval->approvable && a.approval->gateId != 0)
+        // Without a view no row shows buttons; only a notification can.
+        if (gatingWanted_ && a.approval && a.approval->approvable && a.approval->gateId != 0)
             rows.emplace(a.provider, a.id, a.approval->gateId);
     }
     {
         std::lock_guard lock(showableMutex_);
         showable_ = std::move(rows);
     }
+    notifications_->published(monitor_->instances());
     bridge_->rowsChanged();
     if (onPublish_) onPublish_();
 }
 
 bool LumoraApp::canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const {
+    if (notifications_->holds(sessionId, gateId)) return true;
     std::lock_guard lock(showableMutex_);
     return showable_.count({provider, sessionId, gateId}) > 0;
+}
+
+bool LumoraApp::viewShows(const std::string& sessionId, uint64_t gateId) const {
+    if (!gatingWanted_) return false;  // no view runs
+    std::lock_guard lock(showableMutex_);
+    for (const auto& [provider, id, gate] : showable_)
+        if (id == sessionId && gate == gateId) return true;
+    return false;
 }
 
 void LumoraApp::applySettings() {
@@ -159,7 +185,9 @@ void LumoraApp::applySettings() {
     monitor_->setSettings(s);
     usage_->setEnabled(settings_.usageEnabled());
     desktop_->setCoworkEnabled(settings_.coworkEnabled());
-    bridge_->setGating(gatingWanted_ && settings_.approveRuns());
+    notifications_->setSettings({settings_.notificationsEnabled(), settings_.notifyOnDone()});
+    // A notification with Approve and Deny is a face that can answer too.
+    bridge_->setGating((gatingWanted_ || notifications_->canAnswer()) && settings_.approveRuns());
 }
 
 void LumoraApp::jump(const AgentInstance& session, std::function<void(std::vector<std::string>)> done) {
@@ -174,6 +202,7 @@ void LumoraApp::jump(const AgentInstance& session, std::function<void(std::vecto
 Status LumoraApp::start(bool gatingWanted) {
     gatingWanted_ = gatingWanted;
     Status status = bridge_->start();
+    notifications_->start();
     applySettings();
     monitor_->start();
     // Settings another process changes (a second terminal, a hand edit) apply while we run.
@@ -215,6 +244,7 @@ void LumoraApp::stop() {
     bridge_->setGating(false);
     bridge_->releaseAllGates();
     spend_->stop();
+    notifications_->stop();
     monitor_->stop();
     usage_->stop();
     bridge_->stop();

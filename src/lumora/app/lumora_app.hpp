@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "lumora/app/session_notifications.hpp"
 #include "lumora/app/settings_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
@@ -58,6 +59,7 @@ public:
     void setOnPublish(std::function<void()> onPublish) { onPublish_ = std::move(onPublish); }
 
     ClaudeMonitor& monitor() { return *monitor_; }
+    SessionNotifications& notifications() { return *notifications_; }
     HookBridge& bridge() { return *bridge_; }
     ApprovalRulesStore& rules() { return rules_; }
     SettingsStore& settings() { return settings_; }
@@ -77,6 +79,8 @@ private:
     // Tells the bridge which held prompts the published rows show with buttons.
     void published();
     bool canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const;
+    // Whether a view's row shows prompt `gateId` with its buttons.
+    bool viewShows(const std::string& sessionId, uint64_t gateId) const;
 
     DefaultsStore& defaults_;
     SettingsStore& settings_;
@@ -88,6 +92,8 @@ private:
     std::unique_ptr<SpendService> spend_;
     DesktopSessionSource* desktop_ = nullptr;  // owned by the monitor
     std::unique_ptr<SerialQueue> jumps_;
+    // Desktop notifications; a prompt with Approve and Deny on screen counts as shown.
+    std::unique_ptr<SessionNotifications> notifications_;
     bool gatingWanted_ = false;
     bool started_ = false;
     std::function<void()> onPublish_;

@@ -239,7 +239,8 @@ int headless() {
                       << ": " << alert->text << std::endl;
         }
     });
-    // Nobody can answer a prompt here: the agents show their own.
+    // No view answers prompts here: the agents show their own, unless a
+    // desktop notification with Approve and Deny holds one for the user.
     if (!app.start(false)) std::cout << timestamp(std::chrono::system_clock::now()) << "  " << *app.hooksProblem() << std::endl;
     RunLoop::main().run();
     app.stop();

@@ -12,9 +12,9 @@ namespace lumora::RunCommands {
 // `lumora --scan [--json]`: one scan, one line (or one JSON object) per
 // session; in JSON each session also carries its provider's plan usage.
 int scan(bool json);
-// `lumora --no-ui`: the monitor and the hook bridge without a screen, gating
-// off (every prompt goes back to the agent at once); prints one line per
-// status change and peek event until interrupted.
+// `lumora --no-ui`: the monitor and the hook bridge without a screen; every
+// prompt goes back to the agent at once unless a desktop notification can
+// answer it. Prints one line per status change and peek event until interrupted.
 int headless();
 // Which face `lumora` shows.
 enum class Face {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "lumora/platform/login_item.hpp"
+
 namespace lumora {
 
 std::string_view rawValue(TabStyle s) {
@@ -41,7 +43,7 @@ const std::vector<std::string>& SettingsStore::keys() {
         kSubagentsEnabled, kTaskPlanEnabled,   kCoworkEnabled,      kCloudTasksEnabled, kIdleAgentPolicy,
         kVisibleRowLimit,  kHooksEnabled,      kApproveRuns,        kIdleTimeoutMinutes, kHoverResponse,
         kHoverReach,       kTabStyle,          kTabMarks,           kPanelMaterial,     kUsageLeftReadout,
-        kUsageRightReadout, kUsageWarnInColour, kNotchDisplays,     kHasCompletedOnboarding};
+        kUsageRightReadout, kUsageWarnInColour, kNotchDisplays,     kHasCompletedOnboarding, kNotificationsEnabled, kNotifyOnDone};
     return kKeys;
 }
 
@@ -114,6 +116,14 @@ bool SettingsStore::cloudTasksEnabled() const { return flag(kCloudTasksEnabled, 
 bool SettingsStore::hooksEnabled() const { return flag(kHooksEnabled, false); }
 bool SettingsStore::approveRuns() const { return flag(kApproveRuns, true); }
 bool SettingsStore::hasCompletedOnboarding() const { return flag(kHasCompletedOnboarding, false); }
+bool SettingsStore::notificationsEnabled() const { return flag(kNotificationsEnabled, true); }
+bool SettingsStore::notifyOnDone() const { return flag(kNotifyOnDone, false); }
+bool SettingsStore::launchAtLogin() const { return LoginItem::enabled(); }
+
+Status SettingsStore::setLaunchAtLogin(bool enabled) {
+    auto failure = enabled ? LoginItem::enable(LoginItem::thisProgram()) : LoginItem::disable();
+    return failure ? Status::failure(*failure) : Status::success();
+}
 bool SettingsStore::usageWarnInColour() const { return flag(kUsageWarnInColour, true); }
 
 IdleAgentPolicy SettingsStore::idleAgentPolicy() const {

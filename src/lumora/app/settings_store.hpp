@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lumora/base/defaults_store.hpp"
+#include "lumora/base/status.hpp"
 #include "lumora/base/run_loop.hpp"
 #include "lumora/monitor/agent_display.hpp"
 #include "lumora/monitor/notch_state.hpp"
@@ -63,6 +64,8 @@ public:
     static constexpr const char* kPreferredDisplay = "preferredDisplay";  // legacy single display
     static constexpr const char* kNotchDisplaysMigrated = "notchDisplaysMigrated";
     static constexpr const char* kHasCompletedOnboarding = "hasCompletedOnboarding";
+    static constexpr const char* kNotificationsEnabled = "notificationsEnabled";
+    static constexpr const char* kNotifyOnDone = "notifyOnDone";
 
     using Listener = std::function<void(const std::string& key)>;
 
@@ -106,6 +109,13 @@ public:
     GoUsage::Caps openCodeGoCaps() const;
     std::vector<std::string> notchDisplays() const;
     bool hasCompletedOnboarding() const;
+    // Desktop notifications (on when missing), and for finished turns too (off when missing).
+    bool notificationsEnabled() const;
+    bool notifyOnDone() const;
+    // Launch at login is no stored key: it is whether the login entry is there.
+    bool launchAtLogin() const;
+    // Writes or removes the login entry; returns why it could not.
+    Status setLaunchAtLogin(bool enabled);
 
     void setBool(const std::string& key, bool value);
     void setString(const std::string& key, const std::string& value);

@@ -265,6 +265,17 @@ void HookBridge::releaseAllGates() {
     afterChangeOffThread();
 }
 
+bool HookBridge::handBack(const std::string& sessionId, uint64_t gateId) {
+    bool handed;
+    {
+        std::lock_guard lock(mutex_);
+        handed = state_.handBack(sessionId, gateId);
+    }
+    if (trace_ && handed) trace("HANDBACK gate=" + std::to_string(gateId) + " sid=" + shortId(sessionId));
+    afterChangeOffThread();
+    return handed;
+}
+
 void HookBridge::rowsChanged() {
     if (server_.running()) server_.wake();
     else afterChangeOffThread();

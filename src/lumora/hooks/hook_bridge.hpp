@@ -108,6 +108,9 @@ public:
     // Answers every held gate "passthrough" (the agents show their own
     // prompts); markers stay.
     void releaseAllGates();
+    // No face shows prompt `gateId` any more (its notification was
+    // dismissed): it goes back to the agent, unless a newer one replaced it.
+    bool handBack(const std::string& sessionId, uint64_t gateId);
 
     // Called after each batch of changes (lines, a resolve, a disconnect), on
     // the bridge's thread — or on the caller's thread for handleLine() and

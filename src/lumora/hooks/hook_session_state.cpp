@@ -232,6 +232,13 @@ void HookSessionState::releaseAllGates() {
     gates_.clear();
 }
 
+bool HookSessionState::handBack(const std::string& sessionId, uint64_t gateId) {
+    auto it = gates_.find(sessionId);
+    if (it == gates_.end() || it->second.id != gateId || it->second.phase != Phase::shown) return false;
+    dropGate(sessionId);
+    return true;
+}
+
 std::vector<HookSessionState::AwaitingRow> HookSessionState::gatesAwaitingRows() const {
     std::vector<AwaitingRow> out;
     for (const auto& [sid, g] : gates_) {

@@ -137,6 +137,9 @@ public:
     void disconnected(ConnectionId connection, TimePoint now);
     // Every held gate (and every gate still being checked) is answered "passthrough"; markers stay.
     void releaseAllGates();
+    // The face that showed prompt `gateId` went away: when that gate is held
+    // and shown, it is answered "passthrough" (the agent asks itself); true then.
+    bool handBack(const std::string& sessionId, uint64_t gateId);
 
     // Gates waiting for a view to show their row, and the row of one appearing.
     std::vector<AwaitingRow> gatesAwaitingRows() const;

@@ -4,6 +4,7 @@
 
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/hooks/hook_installation.hpp"
+#include "lumora/platform/login_item.hpp"
 #include "lumora/platform/paths.hpp"
 
 namespace lumora::Uninstaller {
@@ -110,8 +111,11 @@ std::vector<Step> run(bool dryRun, std::ostream& out, DefaultsStore* store) {
     r.folder("Lumora data (~/.claude/lumora)", Paths::claudeHome() / "lumora");
     r.folder("App support folder (" + HookProviders::displayPath(Paths::supportFolder()) + ")",
              Paths::supportFolder());
-    // Linux has no login item and no platform permission for Lumora to hold.
-    r.step("Login item", false, [] { return Status::success(); });
+    r.step("Login item (" + HookProviders::displayPath(Paths::loginItemFile()) + ")", LoginItem::enabled(), [] {
+        auto failure = LoginItem::disable();
+        return failure ? Status::failure(*failure) : Status::success();
+    }, "could not remove the login item");
+    // Linux has no platform permission for Lumora to hold.
     r.step("Automation permission (click-to-jump)", false, [] { return Status::success(); });
 
     auto& defaults = store ? *store : DefaultsStore::shared();

@@ -29,6 +29,8 @@ fs::path logFile();
 fs::path spendCacheFile();
 // The cached public price lists and their validators (support folder/pricing).
 fs::path pricingFolder();
+// The entry that starts Lumora at login. Linux: $XDG_CONFIG_HOME/autostart/lumora.desktop.
+fs::path loginItemFile();
 
 // The agents' own folders.
 fs::path claudeHome();        // ~/.claude

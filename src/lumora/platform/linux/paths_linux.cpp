@@ -56,6 +56,7 @@ fs::path approvalsLog() { return supportFolder() / "approvals.log"; }
 fs::path logFile() { return supportFolder() / "lumora.log"; }
 fs::path spendCacheFile() { return supportFolder() / "spend-cache.json"; }
 fs::path pricingFolder() { return supportFolder() / "pricing"; }
+fs::path loginItemFile() { return xdg("XDG_CONFIG_HOME", ".config") / "autostart" / "lumora.desktop"; }
 
 fs::path claudeHome() { return home() / ".claude"; }
 fs::path claudeConfigFile() { return home() / ".claude.json"; }
@@ -90,6 +91,7 @@ std::vector<Entry> all() {
         {"log", logFile()},
         {"spend cache", spendCacheFile()},
         {"price lists", pricingFolder()},
+        {"login item", loginItemFile()},
         {"claude home", claudeHome()},
         {"claude config", claudeConfigFile()},
         {"claude projects", claudeProjects()},

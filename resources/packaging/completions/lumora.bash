@@ -1,0 +1,24 @@
+# bash completion for lumora
+_lumora() {
+    local cur prev
+    cur="${COMP_WORDS[COMP_CWORD]}"
+    prev="${COMP_WORDS[COMP_CWORD-1]}"
+    case "$prev" in
+        --transcript)
+            COMPREPLY=($(compgen -f -- "$cur"))
+            return
+            ;;
+        --launch-at-login)
+            COMPREPLY=($(compgen -W "on off" -- "$cur"))
+            return
+            ;;
+        --approvals-remove)
+            return
+            ;;
+    esac
+    local flags="-h --help --version --paths --processes --demo --approvals --approvals-remove
+        --scan --json --no-ui --transcript --hooks-enable --hooks-disable --hooks-selftest
+        --hook-config-test --uninstall --dry-run --launch-at-login"
+    COMPREPLY=($(compgen -W "$flags" -- "$cur"))
+}
+complete -F _lumora lumora
