@@ -12,13 +12,14 @@ _lumora() {
             COMPREPLY=($(compgen -W "on off" -- "$cur"))
             return
             ;;
-        --approvals-remove)
+        --approvals-remove|--jump)
             return
             ;;
     esac
     local flags="-h --help --version --paths --processes --demo --approvals --approvals-remove
         --scan --json --no-ui --transcript --hooks-enable --hooks-disable --hooks-selftest
-        --hook-config-test --uninstall --dry-run --launch-at-login"
+        --hook-config-test --uninstall --dry-run --launch-at-login --desktop --terminal
+        --usage-doctor --spend --pricing-refresh --jump"
     COMPREPLY=($(compgen -W "$flags" -- "$cur"))
 }
 complete -F _lumora lumora
