@@ -199,9 +199,11 @@ private:
                     for (auto id : ids) pending_[id].insert(path / name);
             }
         }
+        bool freed = false;
         for (auto it = nodes_.begin(); it != nodes_.end();) {
             auto w = want.find(it->first);
             if (w == want.end() || w->second.empty()) {
+                freed = freed || it->second.wd >= 0;
                 unplace(it->first, it->second);
                 wasMissing_.erase(it->first);
                 it = nodes_.erase(it);
@@ -212,6 +214,8 @@ private:
         }
         problem_ = trouble;
         retry_ = retry;
+        // Watches let go of may make room for those the limit refused.
+        if (trouble && freed) rebuild();
     }
 
     // Adds the folder's watch; returns 0 or the error.
