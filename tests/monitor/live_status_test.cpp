@@ -24,6 +24,11 @@
 #include "lumora/platform/threads.hpp"
 #include "monitor/child_process.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
+#include "scrivet/codex_cursor_builders.hpp"
+#include "scrivet/cursor_transcript_reader.hpp"
+#include "scrivet/kimi_transcript_reader.hpp"
+#include "scrivet/kimi_wire_builder.hpp"
+#include "scrivet/opencode_database_builder.hpp"
 #include "support/test_support.hpp"
 
 using namespace lumora;
@@ -31,6 +36,8 @@ using namespace lumora::test;
 using namespace std::chrono_literals;
 using Json = nlohmann::json;
 using Kind = FileWatcher::Target::Kind;
+namespace W = lumora::test::KimiWire;
+namespace Rows = lumora::test::OpenCodeRows;
 
 namespace {
 
@@ -39,13 +46,13 @@ const std::string kSession = "2ba08b56-cdd6-4cd6-a287-5b0a4ea9a300";
 // Well under the 10 s safety tick: a row that changes within it was told.
 constexpr auto kBeforeTheTick = 3s;
 
-long long millisNow() {
+long long epochMillis() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
 }
 
 std::string isoNow() {
-    auto ms = millisNow();
+    auto ms = epochMillis();
     std::time_t secs = ms / 1000;
     std::tm tm{};
     ::gmtime_r(&secs, &tm);
@@ -58,14 +65,14 @@ std::string isoNow() {
 
 std::string entry(const Json& message, const std::string& type) {
     return Json{{"type", type}, {"message", message}, {"timestamp", isoNow()}, {"sessionId", kSession},
-                {"uuid", "u" + std::to_string(millisNow())}}
+                {"uuid", "u" + std::to_string(epochMillis())}}
                .dump() + "\n";
 }
 
 std::string prompt(const std::string& text) { return entry({{"role", "user"}, {"content", text}}, "user"); }
 
 std::string assistant(const Json& block, const char* stop) {
-    return entry({{"id", "msg_" + std::to_string(millisNow())}, {"role", "assistant"}, {"model", "claude-opus-5-5"},
+    return entry({{"id", "msg_" + std::to_string(epochMillis())}, {"role", "assistant"}, {"model", "claude-opus-5-5"},
                   {"content", Json::array({block})}, {"stop_reason", stop},
                   {"usage", {{"input_tokens", 900}, {"cache_read_input_tokens", 20000}, {"output_tokens", 40}}}},
                  "assistant");
@@ -130,7 +137,7 @@ struct Session {
         record["status"] = status;
         if (waitingFor) record["waitingFor"] = *waitingFor;
         else record.erase("waitingFor");
-        record["updatedAt"] = record["statusUpdatedAt"] = millisNow();
+        record["updatedAt"] = record["statusUpdatedAt"] = epochMillis();
         if (inPlace) {
             std::ofstream(index, std::ios::trunc) << record.dump();
         } else {
@@ -150,16 +157,17 @@ struct Session {
     }
 };
 
-const AgentInstance* row(ClaudeMonitor& monitor) {
+const AgentInstance* row(ClaudeMonitor& monitor, const std::string& id = kSession) {
     for (const auto& a : monitor.instances())
-        if (a.id == kSession) return &a;
+        if (a.id == id) return &a;
     return nullptr;
 }
 
-bool waitForStatus(ClaudeMonitor& monitor, AgentStatus status, std::chrono::milliseconds timeout = kBeforeTheTick) {
+bool waitForStatus(ClaudeMonitor& monitor, AgentStatus status, std::chrono::milliseconds timeout = kBeforeTheTick,
+                   const std::string& id = kSession) {
     return RunLoop::main().runUntil(
         [&] {
-            auto* a = row(monitor);
+            auto* a = row(monitor, id);
             return a && a->status == status;
         },
         timeout);
@@ -366,4 +374,83 @@ TEST(LiveStatus, WithoutWatchesTheTickStillGetsItRightAndTheLogSaysWhyOnce) {
     ASSERT_TRUE(loop.runUntil([&] { return monitor.publishCount() > before; }, 10s));
     EXPECT_EQ(row(monitor)->status, AgentStatus::attention);
     monitor.stop();
+}
+
+TEST(LiveStatus, EachAgentsOwnFilesMoveItsRow) {
+    TempHome home;
+    fs::create_directories(home / "run");
+    ::chmod((home / "run").c_str(), 0700);
+    ScopedEnv socketEnv("LUMORA_SOCKET", (home / "run/notch.sock").string());
+    auto dir = [&](const std::string& name) {
+        fs::create_directories(home / name);
+        return home / name;
+    };
+    auto bin = home / "bin";
+
+    // Codex: a terminal thread running a command.
+    const std::string thread = "01a200f0-1111-7222-8333-944445555601";
+    test::ChildProcess codex(sleeperNamed(bin, "codex"), {"codex", "120"}, dir("cx"));
+    CodexRollout rollout(thread, (home / "cx").string(), "codex-tui", std::chrono::system_clock::now() + 1s);
+    rollout.turnStart().prompt("run the tests").command("make test", 0, "", false, true);
+    auto rolloutFile = rollout.writeIn(home / ".codex/sessions");
+
+    // Cursor: a conversation under way.
+    const std::string conversation = "c0ffee00-1111-4222-8333-944445555601";
+    test::ChildProcess cursor(sleeperNamed(bin, "cursor-agent"), {"cursor-agent", "120"}, dir("cu"));
+    auto transcriptFile = home / ".cursor/projects" /
+                          scrivet::CursorTranscriptReader::encodedDirName((home / "cu").string()) / "agent-transcripts" /
+                          (conversation + ".jsonl");
+    CursorTranscript transcript;
+    transcript.prompt("build the site");
+    std::this_thread::sleep_for(20ms);  // written after the process started, as it would be
+    transcript.writeTo(transcriptFile);
+
+    // Kimi: a turn under way.
+    const std::string kimiSession = "session_0a0a0a0a-1111-4222-8333-444455556666";
+    test::ChildProcess kimi(sleeperNamed(bin, "kimi"), {"kimi", "120"}, dir("km"));
+    writeFile(home / ".kimi-code/config.toml", W::config());
+    auto wire = W::write(scrivet::KimiTranscriptReader::sessionsRoot(home / ".kimi-code"), kimiSession,
+                         (home / "km").string(), W::metadata() + W::prompt("tidy up") + W::request("k3") + W::stepBegin(1))
+                    .wire;
+
+    // OpenCode: a reply streaming.
+    test::ChildProcess opencode(sleeperNamed(bin, "opencode"), {"opencode", "120"}, dir("oc"));
+    int64_t t0 = test::millisNow(-30s);
+    OpenCodeDatabase db(home / ".local/share/opencode/opencode.db");
+    db.session(OpenCodeDatabase::Session("ses_root", (home / "oc").string()).updatedAt(t0 + 100));
+    db.message("m1", "ses_root", t0, Rows::user("ses_root", t0));
+    db.part("p1", "m1", "ses_root", t0 + 1, Rows::text("ship the release"));
+    db.message("m2", "ses_root", t0 + 5, Rows::assistant("ses_root", t0 + 5, std::nullopt, 0));
+    db.part("p2", "m2", "ses_root", t0 + 6, Rows::text("Looking at the changelog"));
+
+    LumoraApp app;
+    app.settings().setBool(SettingsStore::kHooksEnabled, true);
+    app.start(false);
+    auto& monitor = app.monitor();
+    ASSERT_TRUE(waitForStatus(monitor, AgentStatus::working, 10s, thread));
+    for (const auto& id : {conversation, kimiSession, std::string("ses_root")})
+        ASSERT_TRUE(waitForStatus(monitor, AgentStatus::working, 10s, id)) << id;
+    ASSERT_EQ(monitor.scheduledRefreshInterval()->count(), 10);
+    for (const auto& file : {rolloutFile, transcriptFile, wire, home / ".local/share/opencode/opencode.db-wal"})
+        EXPECT_TRUE(watches(monitor, file)) << file;
+
+    // Each turn ends in the agent's own file; each row follows before the tick.
+    rollout.item({{"type", "CommandExecution"}, {"id", "call_3"}, {"command", "make test"}, {"status", "completed"},
+                  {"aggregated_output", "ok"}, {"exit_code", 0}});
+    rollout.reply("Tests pass. Shall I push?").complete("Tests pass. Shall I push?");
+    rollout.writeTo(rolloutFile);
+    EXPECT_TRUE(waitForStatus(monitor, AgentStatus::attention, kBeforeTheTick, thread));
+
+    transcript.reply("Built.").turnEnded();
+    transcript.writeTo(transcriptFile);
+    EXPECT_TRUE(waitForStatus(monitor, AgentStatus::waiting, kBeforeTheTick, conversation));
+
+    append(wire, W::text(1, "Tidied.") + W::stepEnd(1, "end_turn") + W::usage(3968, 383, 19200));
+    EXPECT_TRUE(waitForStatus(monitor, AgentStatus::waiting, kBeforeTheTick, kimiSession));
+
+    int64_t t1 = test::millisNow();
+    db.message("m3", "ses_root", t1, Rows::assistant("ses_root", t1, t1 + 1));
+    db.part("p3", "m3", "ses_root", t1 + 1, Rows::text("Shipped."));
+    EXPECT_TRUE(waitForStatus(monitor, AgentStatus::waiting, kBeforeTheTick, "ses_root"));
+    app.stop();
 }
