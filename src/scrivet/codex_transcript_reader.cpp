@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdio>
 #include <ctime>
 #include <map>
 #include <set>
@@ -430,6 +431,13 @@ std::vector<fs::path> recentRollouts(const fs::path& root, std::chrono::seconds 
     std::vector<fs::path> out;
     for (auto& r : recentRollouts(root, since, now)) out.push_back(std::move(r.file));
     return out;
+}
+
+fs::path dayFolder(const fs::path& root, Date when) {
+    int day = localDay(when);
+    char parts[32];
+    std::snprintf(parts, sizeof parts, "%04d/%02d/%02d", day / 10000, day / 100 % 100, day % 100);
+    return root / parts;
 }
 
 // --- One rollout --------------------------------------------------------------------

@@ -91,6 +91,9 @@ std::vector<Rollout> recentRollouts(const fs::path& root, Date since, Date now);
 // The same, by age: rollouts modified within `maxAge` of `now`; `extended`
 // looks back a week further (for sessions kept alive by their process).
 std::vector<fs::path> recentRollouts(const fs::path& root, std::chrono::seconds maxAge, bool extended, Date now);
+// The dated folder (root/yyyy/mm/dd, local calendar) where a rollout begun at
+// `when` is written.
+fs::path dayFolder(const fs::path& root, Date when);
 
 // --- One rollout --------------------------------------------------------------------
 

@@ -95,12 +95,15 @@ TEST(HookSessionState, GatesWaitForTheRulesAndTheirRowAndAnswerOnlyThePromptShow
     EXPECT_FALSE(state.ruleChecked(slow, true, t0 + 2s));
     EXPECT_TRUE(state.takeReplies().empty());
 
-    // Gating off: "passthrough" once the rules said no, and nothing shown.
+    // Gating off: "passthrough" once the rules said no, and nothing shown;
+    // the monitor is woken all the same (the agent now shows its own prompt).
     state.setGating(false);
     state.apply(gate("s4", "make"), 6, t0);
+    state.takeChanged();
     state.ruleChecked(state.takeRuleChecks()[0].gateId, false, t0);
     EXPECT_EQ(state.takeReplies(), (std::vector<Reply>{{6, Behavior::passthrough}}));
     EXPECT_FALSE(state.snapshot(t0).marker(HarnessProvider::claudeCode, "s4"));
+    EXPECT_TRUE(state.takeChanged());
 }
 
 TEST(HookSessionState, HostileFieldsAreCutAndACutCommandIsNeverHeldOrRuled) {

@@ -69,12 +69,14 @@ HookSnapshot LumoraApp::hookSnapshot(const HookBridgeSnapshot& bridge) {
 
 LumoraApp::LumoraApp()
     : defaults_(DefaultsStore::shared()), settings_(SettingsStore::shared()), rules_(ApprovalRulesStore::shared()) {
+    files_ = FileWatcher::create();
     bridge_ = std::make_unique<HookBridge>(Paths::socketPath(), Paths::supportFolder(), rules_);
     discovery_ = std::make_unique<ProcessDiscovery>(ProcessTable::system(), Paths::claudeSessions(), Paths::claudeProjects());
 
     ClaudeMonitor::Dependencies deps;
     ProcessDiscovery* discovery = discovery_.get();
     deps.discover = [discovery] { return discovery->run(); };
+    deps.files = files_.get();
     // The desktop's sessions come first: a desktop session's titled row wins
     // over the plain row of its `claude` process.
     auto desktop = std::make_unique<DesktopSessionSource>(
@@ -82,7 +84,8 @@ LumoraApp::LumoraApp()
     desktop_ = desktop.get();
     deps.sources.push_back(std::move(desktop));
     deps.sources.push_back(std::make_unique<ClaudeSessionSource>(
-        ClaudeSessionSource::Paths{Paths::claudeProjects(), Paths::claudeConfigFile(), Paths::claudeTempFolder()},
+        ClaudeSessionSource::Paths{Paths::claudeProjects(), Paths::claudeConfigFile(), Paths::claudeTempFolder(),
+                                   Paths::claudeSessions()},
         SDKHostMemory::shared(), [discovery](const std::string& appId, const ProcessSnapshot& snapshot) {
             return discovery->hosts().isApplicationRunning(appId, snapshot);
         }));
@@ -206,7 +209,7 @@ Status LumoraApp::start(bool gatingWanted) {
     applySettings();
     monitor_->start();
     // Settings another process changes (a second terminal, a hand edit) apply while we run.
-    settings_.watch(RunLoop::main());
+    settings_.watch(RunLoop::main(), *files_);
     usage_->start();
     spend_->start();
     started_ = true;

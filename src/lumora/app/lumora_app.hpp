@@ -66,6 +66,7 @@ public:
     // Plan usage: polled while the app runs and "usageEnabled" is on.
     UsagePoller& usage() { return *usage_; }
     SpendService& spend() { return *spend_; }
+    FileWatcher& files() { return *files_; }
 
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridgeSnapshot& bridge);
@@ -85,6 +86,8 @@ private:
     DefaultsStore& defaults_;
     SettingsStore& settings_;
     ApprovalRulesStore& rules_;
+    // Tells the monitor and the settings when their files change; outlives both.
+    std::unique_ptr<FileWatcher> files_;
     std::unique_ptr<HookBridge> bridge_;
     std::unique_ptr<ProcessDiscovery> discovery_;
     std::unique_ptr<ClaudeMonitor> monitor_;

@@ -84,7 +84,18 @@ void SettingsStore::watch(RunLoop& loop, std::chrono::milliseconds interval) {
     watchTimer_ = loop.addTimer(interval, [this] { reloadIfChanged(); });
 }
 
+void SettingsStore::watch(RunLoop& loop, FileWatcher& files, std::chrono::milliseconds interval,
+                          std::chrono::milliseconds fallback) {
+    auto id = files.subscribe([this, &loop](const auto&) { loop.post([this] { reloadIfChanged(); }); });
+    files.setWatched(id, {{defaults_.file(), FileWatcher::Target::Kind::file}});
+    watch(loop, files.problem() ? fallback : interval);  // stops any earlier watching first
+    files_ = &files;
+    filesId_ = id;
+}
+
 void SettingsStore::stopWatching() {
+    if (files_) files_->unsubscribe(filesId_);
+    files_ = nullptr;
     if (watchLoop_ && watchTimer_) watchLoop_->cancelTimer(*watchTimer_);
     watchLoop_ = nullptr;
     watchTimer_.reset();

@@ -10,6 +10,7 @@
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/base/status.hpp"
 #include "lumora/base/run_loop.hpp"
+#include "lumora/platform/file_watcher.hpp"
 #include "lumora/monitor/agent_display.hpp"
 #include "lumora/monitor/notch_state.hpp"
 #include "lumora/monitor/tab_layout.hpp"
@@ -81,6 +82,12 @@ public:
     void reloadIfChanged();
     // Runs reloadIfChanged() on `loop` every `interval` until stopWatching().
     void watch(RunLoop& loop, std::chrono::milliseconds interval = std::chrono::seconds(2));
+    // The same, but told by `files` when the defaults file changes, so a
+    // change reaches the listener within moments; the poll stays as a
+    // safety net, every `interval` while `files` sees changes and every
+    // `fallback` while it cannot. `files` must outlive the watching.
+    void watch(RunLoop& loop, FileWatcher& files, std::chrono::milliseconds interval = std::chrono::seconds(30),
+               std::chrono::milliseconds fallback = std::chrono::seconds(2));
     void stopWatching();
 
     bool soundEnabled() const;
@@ -148,6 +155,8 @@ private:
     std::map<std::string, DefaultsStore::Json> seen_;  // the settings as last reported
     RunLoop* watchLoop_ = nullptr;
     std::optional<RunLoop::TimerId> watchTimer_;
+    FileWatcher* files_ = nullptr;
+    FileWatcher::SubscriptionId filesId_ = 0;
 };
 
 // The idle threshold in minutes from a stored value: missing, zero or negative give 30.

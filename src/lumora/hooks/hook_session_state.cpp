@@ -148,8 +148,11 @@ std::optional<HookSessionState::RuleCheck> HookSessionState::ruleChecked(uint64_
 void HookSessionState::afterRules(std::map<std::string, Gate>::iterator it, TimePoint now) {
     Gate& g = it->second;
     if (!gating_) {
+        // The agent shows its own prompt and says so in its own files a
+        // moment later: the monitor looks now and watches for that.
         answer(g.connection, Behavior::passthrough);
         gates_.erase(it);
+        changed_ = true;
         return;
     }
     setMarker(g.provider, g.request.marker(AttentionMarker::permission), now);

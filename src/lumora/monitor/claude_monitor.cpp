@@ -1,19 +1,26 @@
 #include "lumora/monitor/claude_monitor.hpp"
 
+#include <spdlog/spdlog.h>
+
 #include <algorithm>
 #include <cassert>
+
+#include "lumora/platform/threads.hpp"
 
 namespace lumora {
 
 ClaudeMonitor::ClaudeMonitor(Dependencies deps)
     : deps_(std::move(deps)),
       loop_(deps_.loop ? *deps_.loop : RunLoop::main()),
-      queue_(std::make_unique<SerialQueue>("lumora.monitor")) {}
+      queue_(std::make_unique<SerialQueue>("lumora.monitor")) {
+    if (deps_.files) watchId_ = deps_.files->subscribe([this](const auto&) { filesChanged(); });
+}
 
 ClaudeMonitor::~ClaudeMonitor() {
     *alive_ = false;
     stop();
     queue_.reset();  // finishes a scan in flight before the sources go
+    if (deps_.files) deps_.files->unsubscribe(watchId_);
 }
 
 Date ClaudeMonitor::now() const { return deps_.clock ? deps_.clock() : std::chrono::system_clock::now(); }
@@ -38,6 +45,9 @@ void ClaudeMonitor::stop() {
     if (timer_) loop_.cancelTimer(*timer_);
     timer_.reset();
     scheduledInterval_.reset();
+    if (fileScanTimer_) loop_.cancelTimer(*fileScanTimer_);
+    fileScanTimer_.reset();
+    fileScanWanted_ = false;
 }
 
 void ClaudeMonitor::refreshNow() {
@@ -45,6 +55,54 @@ void ClaudeMonitor::refreshNow() {
     loop_.post([this, alive] {
         if (auto a = alive.lock(); a && *a) requestScan();
     });
+}
+
+void ClaudeMonitor::filesChanged() {
+    std::weak_ptr<bool> alive = alive_;
+    loop_.post([this, alive] {
+        if (auto a = alive.lock(); a && *a) scheduleFileScan();
+    });
+}
+
+void ClaudeMonitor::scheduleFileScan() {
+    onLoopOnly();
+    if (stopped_) return;
+    fileScanWanted_ = true;
+    // Decided when the scan in flight ends, or when the spacing timer fires.
+    if (scanInFlight_ || fileScanTimer_) return;
+    auto wait = fileScanAllowedAt_ - RunLoop::Clock::now();
+    if (wait <= RunLoop::Clock::duration::zero()) {
+        requestScan();
+        return;
+    }
+    std::weak_ptr<bool> alive = alive_;
+    fileScanTimer_ = loop_.postAfter(wait, [this, alive] {
+        if (auto a = alive.lock(); !a || !*a) return;
+        fileScanTimer_.reset();
+        if (fileScanWanted_) scheduleFileScan();
+    });
+}
+
+std::vector<FileWatcher::Target> ClaudeMonitor::watchedPaths() const {
+    std::lock_guard lock(watchedMutex_);
+    return watched_;
+}
+
+void ClaudeMonitor::updateWatches() {
+    assert(queue_->isCurrent());
+    std::vector<FileWatcher::Target> targets;
+    for (const auto& source : deps_.sources) source->addWatchTargets(targets);
+    std::sort(targets.begin(), targets.end());
+    targets.erase(std::unique(targets.begin(), targets.end()), targets.end());
+    deps_.files->setWatched(watchId_, targets);
+    {
+        std::lock_guard lock(watchedMutex_);
+        watched_ = std::move(targets);
+    }
+    // Said once per cause: the ticks keep the statuses right, only later.
+    auto problem = deps_.files->problem();
+    if (problem && problem != loggedWatchProblem_) spdlog::warn("monitor: file changes may go unseen: {}", *problem);
+    if (problem) loggedWatchProblem_ = problem;
 }
 
 void ClaudeMonitor::setSettings(const Settings& s) {
@@ -56,9 +114,10 @@ void ClaudeMonitor::setSettings(const Settings& s) {
 
 bool ClaudeMonitor::agentsActive() const { return StatusRules::agentsActive(instances_, now()); }
 
-ClaudeMonitor::RawScan ClaudeMonitor::collect() {
+ClaudeMonitor::RawScan ClaudeMonitor::collect(bool watch) {
     assert(queue_->isCurrent());
     RawScan raw;
+    auto began = Threads::cpuTimeOfCurrent();
     raw.now = now();
     if (deps_.hooks) raw.hooks = deps_.hooks(raw.now);
     // The power state is a file read on Linux: read here, off the main thread,
@@ -71,10 +130,12 @@ ClaudeMonitor::RawScan ClaudeMonitor::collect() {
         raw.observations.insert(raw.observations.end(), std::make_move_iterator(found.begin()),
                                 std::make_move_iterator(found.end()));
     }
+    if (watch && deps_.files) updateWatches();
     SessionDerivation::adoptHookSessionIds(raw.observations, raw.hooks);
     // One row per identity: a second sighting of a session adds nothing.
     std::set<std::string> seen;
     std::erase_if(raw.observations, [&](const SessionObservation& o) { return !seen.insert(o.id).second; });
+    raw.cost = std::chrono::duration_cast<RunLoop::Clock::duration>(Threads::cpuTimeOfCurrent() - began);
     return raw;
 }
 
@@ -133,7 +194,7 @@ std::vector<AgentInstance> ClaudeMonitor::derive(const RawScan& raw, bool rememb
 std::vector<AgentInstance> ClaudeMonitor::scanOnce() {
     onLoopOnly();
     RawScan raw;
-    queue_->sync([&] { raw = collect(); });
+    queue_->sync([&] { raw = collect(false); });
     return derive(raw, false);
 }
 
@@ -145,9 +206,10 @@ void ClaudeMonitor::requestScan() {
         return;
     }
     scanInFlight_ = true;
+    fileScanWanted_ = false;  // this scan sees every change made until now
     std::weak_ptr<bool> alive = alive_;
     queue_->async([this, alive, generation = generation_] {
-        auto raw = collect();
+        auto raw = collect(true);
         loop_.post([this, alive, generation, raw = std::move(raw)]() mutable {
             if (auto a = alive.lock(); a && *a) finishScan(std::move(raw), generation);
         });
@@ -162,10 +224,13 @@ void ClaudeMonitor::finishScan(RawScan raw, uint64_t generation) {
         if (rescanRequested_ && !stopped_) {
             rescanRequested_ = false;
             requestScan();
+        } else if (fileScanWanted_ && !stopped_) {
+            scheduleFileScan();
         }
         return;
     }
     lowPower_ = raw.lowPower;
+    fileScanAllowedAt_ = RunLoop::Clock::now() + raw.cost * kFileScanSpacing;
     carryOverRekeyedRows(raw);
     // Alerts compare against the previous tick, so read the memos before deriving.
     std::map<std::string, AgentStatus> previous;
@@ -229,6 +294,8 @@ void ClaudeMonitor::finishScan(RawScan raw, uint64_t generation) {
     if (rescanRequested_) {
         rescanRequested_ = false;
         requestScan();
+    } else if (fileScanWanted_) {
+        scheduleFileScan();
     }
 }
 

@@ -3,6 +3,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -15,6 +16,7 @@
 #include "lumora/monitor/process_discovery.hpp"
 #include "lumora/monitor/session_derivation.hpp"
 #include "lumora/monitor/session_observation.hpp"
+#include "lumora/platform/file_watcher.hpp"
 
 namespace lumora {
 
@@ -37,6 +39,12 @@ class SessionSource {
 public:
     virtual ~SessionSource() = default;
     virtual std::vector<SessionObservation> observe(const ScanContext& context) = 0;
+    // What the last observe() read the shown sessions' facts from (journals,
+    // state files, databases, subagent folders), and the folders where a
+    // session of a running agent that has none yet will appear. The monitor
+    // watches them, so a change there scans at once rather than at the next
+    // tick. Called on the scan queue right after observe().
+    virtual void addWatchTargets(std::vector<FileWatcher::Target>& out) const {}
 };
 
 // The session monitor. Despite its name it watches every agent (Claude
@@ -66,6 +74,9 @@ public:
         std::function<bool()> lowPowerMode;           // empty: never
         std::function<Date()> clock;                  // empty: the system clock
         RunLoop* loop = nullptr;                      // empty: RunLoop::main()
+        // Tells when what the sessions' facts come from changes (empty: only
+        // ticks and hook events scan). Must outlive the monitor.
+        FileWatcher* files = nullptr;
     };
 
     // What an alert asks the front end to do beyond showing the peek.
@@ -85,6 +96,14 @@ public:
     // Asks for a scan as soon as possible. Safe from any thread: it only posts
     // to the main loop, so it never blocks the caller.
     void refreshNow();
+    // A file that session facts come from changed: asks for a scan like
+    // refreshNow(), but file-driven scans keep to a share of a processor
+    // (they start at least kFileScanSpacing times the last scan's processor
+    // time apart), so journals that grow all the time cost a bounded share
+    // of a core. Safe from any thread.
+    void filesChanged();
+    // How far apart file-driven scans start, in multiples of the last scan's cost.
+    static constexpr int kFileScanSpacing = 20;
     // A synchronous scan that returns the list without publishing or alerting.
     std::vector<AgentInstance> scanOnce();
 
@@ -103,6 +122,8 @@ public:
     std::optional<StatusRules::Seconds> scheduledRefreshInterval() const { return scheduledInterval_; }
     // How many scans have been published (diagnostics and tests).
     long long publishCount() const { return publishCount_; }
+    // The paths watched after the latest scan (diagnostics and tests).
+    std::vector<FileWatcher::Target> watchedPaths() const;
 
     // The user looked at a session's row: its completion is seen and its needs-you acknowledged.
     void sawRow(const std::string& sessionId);
@@ -118,14 +139,20 @@ private:
         std::vector<SessionObservation> observations;
         HookSnapshot hooks;
         bool lowPower = false;
+        RunLoop::Clock::duration cost{};  // the processor time collecting took on the queue
     };
 
-    RawScan collect();
+    // One scan's findings; `watch` also points the file watcher at what was read.
+    RawScan collect(bool watch);
     std::vector<AgentInstance> derive(const RawScan& raw, bool remember);
     // Moves what is remembered about rows that were known by their process
     // ("<cwd>#<pid>") and now carry their session id.
     void carryOverRekeyedRows(const RawScan& raw);
     void requestScan();
+    // A file changed: scans now, or once the file-scan spacing allows.
+    void scheduleFileScan();
+    // Hands the watcher what the sources read; logs once why changes may go unseen.
+    void updateWatches();
     void finishScan(RawScan raw, uint64_t generation);
     void emitAlerts(const std::vector<AgentInstance>& next, Date now);
     void scheduleRefreshTimer();
@@ -159,6 +186,17 @@ private:
     bool firstPublish_ = true;
     std::optional<RunLoop::TimerId> timer_;
     std::optional<StatusRules::Seconds> scheduledInterval_;
+    // File-driven scans: a change not yet covered by a scan that started
+    // after it, the timer that waits out the spacing, and when it allows one.
+    bool fileScanWanted_ = false;
+    std::optional<RunLoop::TimerId> fileScanTimer_;
+    RunLoop::Clock::time_point fileScanAllowedAt_{};
+
+    // The scan queue's own.
+    FileWatcher::SubscriptionId watchId_ = 0;
+    std::optional<std::string> loggedWatchProblem_;
+    mutable std::mutex watchedMutex_;
+    std::vector<FileWatcher::Target> watched_;
     std::function<void()> onPublish_;
     std::function<void(const Alert&)> onAlert_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

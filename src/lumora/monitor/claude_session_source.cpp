@@ -37,9 +37,24 @@ std::optional<scrivet::TranscriptInfo> ClaudeSessionSource::readInfo(const std::
     return info;
 }
 
+void ClaudeSessionSource::watchJournal(const std::filesystem::path& journal) {
+    using Kind = FileWatcher::Target::Kind;
+    watch_.push_back({journal, Kind::file});
+    // Subagents write beside it, in <session>/subagents (watched for its appearance until it exists).
+    watch_.push_back({journal.parent_path() / journal.stem() / "subagents", Kind::folder});
+}
+
+void ClaudeSessionSource::addWatchTargets(std::vector<FileWatcher::Target>& out) const {
+    out.insert(out.end(), watch_.begin(), watch_.end());
+}
+
 std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& ctx) {
     std::vector<SessionObservation> out;
     usedThisScan_.clear();
+    watch_.clear();
+    // Watched once Claude Code has its folder (else until the tick finds it).
+    if (std::error_code ec; !paths_.sessionIndex.empty() && std::filesystem::is_directory(paths_.sessionIndex.parent_path(), ec))
+        watch_.push_back({paths_.sessionIndex, FileWatcher::Target::Kind::folder});
     configMtimeNs_ = FileStamp::of(paths_.claudeConfig).value_or(FileStamp{}).mtimeNanos;
     std::set<std::string> seen;
     if (ctx.processes) {
@@ -61,6 +76,11 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
             if (agent.sessionId) {
                 auto file = Reader::transcriptURL(paths_.projects, agent.cwd, *agent.sessionId);
                 o.info = readInfo(file, agent.cwd, ctx.now);
+                watchJournal(file);
+            } else {
+                // Its first journal will appear in the project's folder.
+                watch_.push_back({Reader::transcriptURL(paths_.projects, agent.cwd, "-").parent_path(),
+                                  FileWatcher::Target::Kind::folder});
             }
             if (o.info) o.backgroundActive = o.info->pendingBackgroundAgents > 0 && o.info->recentSubagentActivity;
             if (const auto& rec = agent.indexRecord; rec && rec->status) {
@@ -99,6 +119,7 @@ std::vector<SessionObservation> ClaudeSessionSource::observe(const ScanContext& 
         o.gitBranch = WorktreeResolver::currentBranch(sdk.cwd);
         o.host = host;
         o.info = sdk.info;
+        if (!sdk.transcript.empty()) watchJournal(sdk.transcript);
         if (o.info) o.backgroundActive = o.info->pendingBackgroundAgents > 0 && o.info->recentSubagentActivity;
         seen.insert(o.id);
         out.push_back(std::move(o));

@@ -20,6 +20,9 @@ public:
         std::filesystem::path projects;      // ~/.claude/projects
         std::filesystem::path claudeConfig;  // ~/.claude.json
         std::filesystem::path tempFolder;    // Claude Code's background-task output (<temp>/claude-<uid>)
+        // ~/.claude/sessions, where a new session announces itself and a
+        // running one its state ("busy", "waiting"); watched, not read here.
+        std::filesystem::path sessionIndex = {};
     };
 
     // Tells whether an application (by desktop id) runs, as of a process pass.
@@ -29,6 +32,9 @@ public:
     ClaudeSessionSource(Paths paths, SDKHostMemory& hostMemory, IsRunning isRunning);
 
     std::vector<SessionObservation> observe(const ScanContext& context) override;
+    // The session index folder; each shown session's journal and subagent
+    // folder; a process whose journal is not known yet, its project folder.
+    void addWatchTargets(std::vector<FileWatcher::Target>& out) const override;
 
     // The row's title: the repository's name, else the folder's.
     static std::string projectName(const std::string& cwd, const std::optional<std::string>& repoName);
@@ -46,7 +52,11 @@ private:
         scrivet::TranscriptInfo info;
     };
 
+    // Notes a shown session's journal (and its subagent folder) for watching.
+    void watchJournal(const std::filesystem::path& journal);
+
     Paths paths_;
+    std::vector<FileWatcher::Target> watch_;
     std::map<std::filesystem::path, CachedInfo> infoCache_;
     std::set<std::filesystem::path> usedThisScan_;
     int64_t configMtimeNs_ = -1;

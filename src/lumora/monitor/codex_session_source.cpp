@@ -94,8 +94,14 @@ std::optional<scrivet::CodexSession> CodexSessionSource::readSession(const Rollo
     return s;
 }
 
+void CodexSessionSource::addWatchTargets(std::vector<FileWatcher::Target>& out) const {
+    out.insert(out.end(), watch_.begin(), watch_.end());
+}
+
 std::vector<SessionObservation> CodexSessionSource::observe(const ScanContext& ctx) {
     const Date now = ctx.now;
+    watch_.clear();
+    auto watchFile = [&](const std::filesystem::path& file) { watch_.push_back({file, FileWatcher::Target::Kind::file}); };
 
     // The live Codex processes, newest first.
     std::vector<CodexProcess> processes;
@@ -182,6 +188,7 @@ std::vector<SessionObservation> CodexSessionSource::observe(const ScanContext& c
     for (const auto& p : processes) {
         auto it = paired.find(p.agent);
         if (it == paired.end()) continue;
+        watchFile(it->second->rollout->file);
         if (auto s = readSession(*it->second->rollout, *it->second->header)) {
             processOf[s->sessionId] = &p;
             threads.push_back(std::move(*s));
@@ -193,10 +200,12 @@ std::vector<SessionObservation> CodexSessionSource::observe(const ScanContext& c
         probe.originator = c.header->originator;
         // A terminal thread shows only with its process; others while their host runs.
         if (hostKind(*c.header) == scrivet::CodexSession::HostKind::cli || !probe.hostAlive(desktop, cli)) continue;
+        watchFile(c.rollout->file);
         if (auto s = readSession(*c.rollout, *c.header)) threads.push_back(std::move(*s));
     }
     for (const auto& c : subagents) {
         if (now - c.rollout->modified > options_.maxAge) continue;
+        watchFile(c.rollout->file);
         if (auto s = readSession(*c.rollout, *c.header)) threads.push_back(std::move(*s));
     }
     Reader::foldSubagents(threads);
@@ -238,7 +247,11 @@ std::vector<SessionObservation> CodexSessionSource::observe(const ScanContext& c
     }
 
     // A process with no rollout yet (the terminal UI before its first
-    // prompt): a row of its own, ageing from the process's start.
+    // prompt): a row of its own, ageing from the process's start. Its
+    // rollout will appear in today's folder.
+    std::error_code ec;
+    if (processes.size() > paired.size() && std::filesystem::is_directory(options_.sessionsRoot, ec))
+        watch_.push_back({Reader::dayFolder(options_.sessionsRoot, now), FileWatcher::Target::Kind::folder});
     for (const auto& p : processes) {
         if (paired.count(p.agent)) continue;
         const auto& agent = *p.agent;

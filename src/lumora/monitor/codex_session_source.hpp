@@ -34,6 +34,9 @@ public:
     explicit CodexSessionSource(Options options);
 
     std::vector<SessionObservation> observe(const ScanContext& context) override;
+    // The rollout of each shown thread (its subagents' too); while a process
+    // has none yet, today's dated folder, where it will appear.
+    void addWatchTargets(std::vector<FileWatcher::Target>& out) const override;
 
     // True when Codex's desktop app runs, or a `codex app-server` that an
     // editor or another application (not a terminal) started.
@@ -61,6 +64,7 @@ private:
     };
 
     Options options_;
+    std::vector<FileWatcher::Target> watch_;
     std::map<std::filesystem::path, CachedHeader> headers_;
     std::map<std::filesystem::path, CachedSession> sessions_;
 };

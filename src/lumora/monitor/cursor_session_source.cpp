@@ -103,8 +103,14 @@ std::optional<scrivet::CursorSession> CursorSessionSource::readSession(const Rea
     return s;
 }
 
+void CursorSessionSource::addWatchTargets(std::vector<FileWatcher::Target>& out) const {
+    out.insert(out.end(), watch_.begin(), watch_.end());
+}
+
 std::vector<SessionObservation> CursorSessionSource::observe(const ScanContext& ctx) {
     const Date now = ctx.now;
+    using Kind = FileWatcher::Target::Kind;
+    watch_.clear();
     static const HookSnapshot::CursorNotes kNoNotes;
     const auto& notes = ctx.hooks ? ctx.hooks->cursor : kNoNotes;
     const ProcessSnapshot* snapshot = ctx.processes ? &ctx.processes->snapshot : nullptr;
@@ -194,6 +200,8 @@ std::vector<SessionObservation> CursorSessionSource::observe(const ScanContext& 
         if (!cwd) continue;
 
         for (const auto* c : shown) {
+            watch_.push_back({c->transcript.file, Kind::file});
+            watch_.push_back({Reader::subagentsFolder(c->transcript.file), Kind::folder});
             auto s = readSession(c->transcript, *cwd, now);
             if (!s) continue;
             SessionObservation o;
@@ -273,6 +281,8 @@ std::vector<SessionObservation> CursorSessionSource::observe(const ScanContext& 
     for (const auto& p : processes) {
         if (paired.count(&p)) continue;
         const auto& agent = *p.agent;
+        if (std::error_code rootEc; fs::is_directory(options_.projectsRoot, rootEc))
+            watch_.push_back({options_.projectsRoot / Reader::encodedDirName(agent.cwd) / "agent-transcripts", Kind::folder});
         SessionObservation o;
         o.id = sessionIdentity(std::nullopt, agent.cwd, agent.pid);
         o.provider = HarnessProvider::cursor;

@@ -31,6 +31,9 @@ public:
     explicit CursorSessionSource(Options options);
 
     std::vector<SessionObservation> observe(const ScanContext& context) override;
+    // Each shown conversation's transcript and subagent folder; while a
+    // process has no conversation yet, its project's transcript folder.
+    void addWatchTargets(std::vector<FileWatcher::Target>& out) const override;
 
     // True when some process of the snapshot runs the command `command`
     // (its command line holds it), other than an agent itself.
@@ -57,6 +60,7 @@ private:
     };
 
     Options options_;
+    std::vector<FileWatcher::Target> watch_;
     std::map<std::string, CachedCwd> cwds_;
     std::map<std::filesystem::path, CachedSession> sessions_;
 };

@@ -27,9 +27,15 @@ public:
     explicit KimiSessionSource(Paths paths);
 
     std::vector<SessionObservation> observe(const ScanContext& context) override;
+    // Each shown session's state file, main wire journal and agents folder;
+    // while a process has no session shown, the folders where one appears.
+    void addWatchTargets(std::vector<FileWatcher::Target>& out) const override;
+    // How many working-directory folders are watched for new sessions at most.
+    static constexpr size_t kMaxWatchedDirectories = 64;
 
 private:
     Paths paths_;
+    std::vector<FileWatcher::Target> watch_;
     std::set<std::string> shown_;
     ProblemLog problems_{"kimi"};
 };

@@ -6,9 +6,16 @@ namespace Reader = scrivet::OpenCodeTranscriptReader;
 
 OpenCodeSessionSource::OpenCodeSessionSource(Paths paths) : paths_(std::move(paths)) {}
 
+void OpenCodeSessionSource::addWatchTargets(std::vector<FileWatcher::Target>& out) const {
+    if (!running_) return;
+    out.push_back({paths_.database, FileWatcher::Target::Kind::file});
+    out.push_back({paths_.database.string() + "-wal", FileWatcher::Target::Kind::file});
+}
+
 std::vector<SessionObservation> OpenCodeSessionSource::observe(const ScanContext& ctx) {
     std::vector<SessionObservation> out;
     auto processes = DirectorySessions::processesByDirectory(ctx, HarnessProvider::opencode);
+    running_ = !processes.empty();
     if (processes.empty()) {
         shown_.clear();
         lastLook_.reset();

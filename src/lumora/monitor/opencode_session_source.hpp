@@ -36,6 +36,9 @@ public:
     explicit OpenCodeSessionSource(Paths paths);
 
     std::vector<SessionObservation> observe(const ScanContext& context) override;
+    // While OpenCode runs: its database and the write-ahead log beside it
+    // (where its writes land first).
+    void addWatchTargets(std::vector<FileWatcher::Target>& out) const override;
 
 private:
     struct Look {
@@ -45,6 +48,7 @@ private:
     };
 
     Paths paths_;
+    bool running_ = false;  // a process was seen by the last observe()
     std::set<std::string> shown_;
     std::optional<Look> lastLook_;
     Date lastLookAt_{};
