@@ -9,9 +9,11 @@
 #include "lumora/monitor/opencode_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
+#include "lumora/usage/http_client.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "scrivet/kimi_transcript_reader.hpp"
 #include "scrivet/opencode_transcript_reader.hpp"
+#include "scrivet/session_namer.hpp"
 
 #include <cstdlib>
 
@@ -121,6 +123,15 @@ LumoraApp::LumoraApp()
     usage.cache = &UsageSnapshotCache::shared();
     usage_ = std::make_unique<UsagePoller>(std::move(usage));
 
+    plans_ = std::make_unique<TaskPlanStore>(
+        TaskPlanPaths{Paths::claudeTasks(), Paths::claudeProjects(), Paths::codexHome() / "sessions", Paths::codexGoals(),
+                      Paths::cursorHome() / "projects", scrivet::KimiTranscriptReader::sessionsRoot(Paths::kimiHome()),
+                      scrivet::OpenCodeTranscriptReader::databaseURL(Paths::openCodeData())},
+        RunLoop::main());
+    plans_->setOnChange([this] {
+        if (onPublish_) onPublish_();
+    });
+
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
 }
@@ -141,6 +152,9 @@ void LumoraApp::published() {
         showable_ = std::move(rows);
     }
     bridge_->rowsChanged();
+    std::vector<PlanSession> shown;
+    for (const auto& a : monitor_->instances()) shown.push_back({a.provider, a.id});
+    plans_->registerSessions(shown);
     if (onPublish_) onPublish_();
 }
 
@@ -160,6 +174,34 @@ void LumoraApp::applySettings() {
     usage_->setEnabled(settings_.usageEnabled());
     desktop_->setCoworkEnabled(settings_.coworkEnabled());
     bridge_->setGating(gatingWanted_ && settings_.approveRuns());
+    plans_->setEnabled(settings_.taskPlanEnabled());
+    configureNamer();
+}
+
+void LumoraApp::configureNamer() {
+    std::pair<std::string, std::string> wanted{settings_.namingEndpoint(), settings_.namingModel()};
+    if (namerSettings_ == wanted) return;
+    namerSettings_ = wanted;
+    scrivet::SessionNamer::Config c;
+    c.endpoint = wanted.first;
+    c.model = wanted.second;
+    c.cacheFile = Paths::sessionNamesFile();
+    c.transport = [](const scrivet::SessionNamer::Exchange& ex) {
+        HttpClient::Request r;
+        r.url = ex.url;
+        r.headers = {{"Content-Type", "application/json"}, {"Accept", "application/json"}};
+        r.timeout = ex.timeout;
+        r.maxBody = ex.maxAnswer;
+        r.cancel = ex.cancel;
+        r.direct = true;  // the prompt goes to this machine's server and nowhere else
+        auto result = HttpClient::post(r, ex.body);
+        scrivet::SessionNamer::Answer answer;
+        if (result.response) answer = {result.response->status, std::move(result.response->body)};
+        return answer;
+    };
+    auto& namer = scrivet::SessionNamer::shared();
+    namer.configure(std::move(c));
+    if (started_) namer.prewarm();
 }
 
 void LumoraApp::jump(const AgentInstance& session, std::function<void(std::vector<std::string>)> done) {
@@ -180,6 +222,13 @@ Status LumoraApp::start(bool gatingWanted) {
     settings_.watch(RunLoop::main());
     usage_->start();
     spend_->start();
+    plans_->start();
+    // Names arrive on the namer's worker; the rows pick them up on a rescan.
+    auto& namer = scrivet::SessionNamer::shared();
+    ClaudeMonitor* monitor = monitor_.get();
+    namer.setOnNamed([monitor](const std::string&) { monitor->refreshNow(); });
+    namer.start();
+    namer.prewarm();
     started_ = true;
     return status;
 }
@@ -215,6 +264,10 @@ void LumoraApp::stop() {
     bridge_->setGating(false);
     bridge_->releaseAllGates();
     spend_->stop();
+    plans_->stop();
+    auto& namer = scrivet::SessionNamer::shared();
+    namer.stop();
+    namer.setOnNamed({});
     monitor_->stop();
     usage_->stop();
     bridge_->stop();
@@ -266,6 +319,8 @@ std::vector<QuotaReading> AppBackend::quotaReadings() const { return app_.usage(
 std::optional<UsageAlert> AppBackend::usageAlert() const { return app_.usage().alert(); }
 
 std::optional<SpendSummary> AppBackend::spendSummary() const { return app_.spend().summary(); }
+
+TaskPlans AppBackend::taskPlans() const { return app_.plans().plans(); }
 
 void AppBackend::setOnChange(std::function<void()> onChange) {
     app_.usage().setOnPublish(onChange);

@@ -12,6 +12,7 @@
 #include "lumora/app/settings_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
+#include "lumora/hooks/task_plan_store.hpp"
 #include "lumora/base/serial_queue.hpp"
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/desktop_session_source.hpp"
@@ -64,6 +65,8 @@ public:
     // Plan usage: polled while the app runs and "usageEnabled" is on.
     UsagePoller& usage() { return *usage_; }
     SpendService& spend() { return *spend_; }
+    // Each shown session's task plan, polled while the app runs.
+    TaskPlanStore& plans() { return *plans_; }
 
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridgeSnapshot& bridge);
@@ -77,6 +80,8 @@ private:
     // Tells the bridge which held prompts the published rows show with buttons.
     void published();
     bool canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const;
+    // Hands the naming settings to the session namer when they changed.
+    void configureNamer();
 
     DefaultsStore& defaults_;
     SettingsStore& settings_;
@@ -86,6 +91,8 @@ private:
     std::unique_ptr<ClaudeMonitor> monitor_;
     std::unique_ptr<UsagePoller> usage_;
     std::unique_ptr<SpendService> spend_;
+    std::unique_ptr<TaskPlanStore> plans_;
+    std::optional<std::pair<std::string, std::string>> namerSettings_;  // endpoint and model given to the namer
     DesktopSessionSource* desktop_ = nullptr;  // owned by the monitor
     std::unique_ptr<SerialQueue> jumps_;
     bool gatingWanted_ = false;
@@ -118,6 +125,7 @@ public:
     void setOnChange(std::function<void()> onChange) override;
     std::optional<std::string> hooksProblem() const override;
     std::optional<SpendSummary> spendSummary() const override;
+    TaskPlans taskPlans() const override;
 
 private:
     LumoraApp& app_;

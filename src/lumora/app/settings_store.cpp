@@ -41,7 +41,8 @@ const std::vector<std::string>& SettingsStore::keys() {
         kSubagentsEnabled, kTaskPlanEnabled,   kCoworkEnabled,      kCloudTasksEnabled, kIdleAgentPolicy,
         kVisibleRowLimit,  kHooksEnabled,      kApproveRuns,        kIdleTimeoutMinutes, kHoverResponse,
         kHoverReach,       kTabStyle,          kTabMarks,           kPanelMaterial,     kUsageLeftReadout,
-        kUsageRightReadout, kUsageWarnInColour, kNotchDisplays,     kHasCompletedOnboarding};
+        kUsageRightReadout, kUsageWarnInColour, kNotchDisplays,     kHasCompletedOnboarding, kNamingEndpoint,
+        kNamingModel};
     return kKeys;
 }
 
@@ -115,6 +116,8 @@ bool SettingsStore::hooksEnabled() const { return flag(kHooksEnabled, false); }
 bool SettingsStore::approveRuns() const { return flag(kApproveRuns, true); }
 bool SettingsStore::hasCompletedOnboarding() const { return flag(kHasCompletedOnboarding, false); }
 bool SettingsStore::usageWarnInColour() const { return flag(kUsageWarnInColour, true); }
+std::string SettingsStore::namingEndpoint() const { return defaults_.string(kNamingEndpoint).value_or(""); }
+std::string SettingsStore::namingModel() const { return defaults_.string(kNamingModel).value_or(""); }
 
 IdleAgentPolicy SettingsStore::idleAgentPolicy() const {
     auto raw = defaults_.string(kIdleAgentPolicy);

@@ -55,13 +55,16 @@ fs::path hookStateFile() { return supportFolder() / "hook-state.json"; }
 fs::path approvalsLog() { return supportFolder() / "approvals.log"; }
 fs::path logFile() { return supportFolder() / "lumora.log"; }
 fs::path spendCacheFile() { return supportFolder() / "spend-cache.json"; }
+fs::path sessionNamesFile() { return supportFolder() / "session-names.json"; }
 fs::path pricingFolder() { return supportFolder() / "pricing"; }
 
 fs::path claudeHome() { return home() / ".claude"; }
 fs::path claudeConfigFile() { return home() / ".claude.json"; }
 fs::path claudeProjects() { return claudeHome() / "projects"; }
 fs::path claudeSessions() { return claudeHome() / "sessions"; }
+fs::path claudeTasks() { return claudeHome() / "tasks"; }
 fs::path codexHome() { return home() / ".codex"; }
+fs::path codexGoals() { return codexHome() / "goals_1.sqlite"; }
 fs::path cursorHome() { return home() / ".cursor"; }
 fs::path kimiHome() { return home() / ".kimi-code"; }
 fs::path openCodeData() { return home() / ".local/share/opencode"; }
@@ -89,14 +92,17 @@ std::vector<Entry> all() {
         {"approvals log", approvalsLog()},
         {"log", logFile()},
         {"spend cache", spendCacheFile()},
+        {"session names", sessionNamesFile()},
         {"price lists", pricingFolder()},
         {"claude home", claudeHome()},
         {"claude config", claudeConfigFile()},
         {"claude projects", claudeProjects()},
         {"claude sessions", claudeSessions()},
         {"claude tasks", claudeTempFolder()},
+        {"claude task plans", claudeTasks()},
         {"claude desktop", claudeDesktopData()},
         {"codex home", codexHome()},
+        {"codex goals", codexGoals()},
         {"cursor home", cursorHome()},
         {"kimi home", kimiHome()},
         {"opencode data", openCodeData()},
