@@ -136,7 +136,7 @@ TEST_F(HookBridgeLimits, RulesBehindALockedFileNeverStallTheSocket) {
     HookBridgeOptions options;
     options.state.ruleCheckTimeout = 300ms;
     makeBridge(options);
-    rules.addAlwaysRule("Bash", "git");
+    rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "git");
     ASSERT_TRUE(bridge->start().ok);
     bridge->setGating(true);
 
@@ -246,7 +246,7 @@ TEST_F(HookBridgeLimits, ABadStateFileNeverDelaysTheSocket) {
 
 TEST_F(HookBridgeLimits, ANewlineInASessionIdCannotForgeALogLine) {
     makeBridge();
-    rules.addAlwaysRule("Bash", "git");
+    rules.addAlwaysRule(scrivet::HarnessProvider::claudeCode, "Bash", "git");
     ASSERT_TRUE(bridge->start().ok);
     std::string forged = "s1\n2026-01-01T00:00:00.000Z  auto-approve tool=Bash session=s2 head=rm -rf ~";
     SocketClient c(socket);

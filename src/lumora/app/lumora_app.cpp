@@ -186,19 +186,7 @@ void LumoraApp::configureNamer() {
     c.endpoint = wanted.first;
     c.model = wanted.second;
     c.cacheFile = Paths::sessionNamesFile();
-    c.transport = [](const scrivet::SessionNamer::Exchange& ex) {
-        HttpClient::Request r;
-        r.url = ex.url;
-        r.headers = {{"Content-Type", "application/json"}, {"Accept", "application/json"}};
-        r.timeout = ex.timeout;
-        r.maxBody = ex.maxAnswer;
-        r.cancel = ex.cancel;
-        r.direct = true;  // the prompt goes to this machine's server and nowhere else
-        auto result = HttpClient::post(r, ex.body);
-        scrivet::SessionNamer::Answer answer;
-        if (result.response) answer = {result.response->status, std::move(result.response->body)};
-        return answer;
-    };
+    c.transport = namingTransport();
     auto& namer = scrivet::SessionNamer::shared();
     namer.configure(std::move(c));
     if (started_) namer.prewarm();
@@ -271,6 +259,22 @@ void LumoraApp::stop() {
     monitor_->stop();
     usage_->stop();
     bridge_->stop();
+}
+
+scrivet::SessionNamer::Transport namingTransport() {
+    return [](const scrivet::SessionNamer::Exchange& ex) {
+        HttpClient::Request r;
+        r.url = ex.url;
+        r.headers = {{"Content-Type", "application/json"}, {"Accept", "application/json"}};
+        r.timeout = ex.timeout;
+        r.maxBody = ex.maxAnswer;
+        r.cancel = ex.cancel;
+        r.direct = true;  // the prompt goes to this machine's server and nowhere else
+        auto result = HttpClient::post(r, ex.body);
+        scrivet::SessionNamer::Answer answer;
+        if (result.response) answer = {result.response->status, std::move(result.response->body)};
+        return answer;
+    };
 }
 
 ui::ViewSettings viewSettings(const SettingsStore& store) {

@@ -22,6 +22,7 @@
 #include "lumora/ui/view_backend.hpp"
 #include "lumora/ui/view_state.hpp"
 #include "lumora/usage/usage_poller.hpp"
+#include "scrivet/session_namer.hpp"
 
 namespace lumora {
 
@@ -102,6 +103,11 @@ private:
     mutable std::mutex showableMutex_;
     std::set<std::tuple<HarnessProvider, std::string, uint64_t>> showable_;
 };
+
+// How the session namer reaches the local model server: a POST through the
+// HTTP client, never through a proxy; no answer (refused, timed out, larger
+// than the namer allows) is status 0.
+scrivet::SessionNamer::Transport namingTransport();
 
 // The settings a view draws with, as the user set them.
 ui::ViewSettings viewSettings(const SettingsStore& store);

@@ -185,13 +185,17 @@ void TaskPlanPoller::pollCodexGoals() {
     }
     auto st = databaseStamp(paths_.codexGoals);
     if (st == goalsStamp_ && !sessionsChanged_) return;
-    goalsStamp_ = st;
     if (!st.first || !st.first->regular) {
+        goalsStamp_ = st;
         goals_.clear();
         return;
     }
-    // A database that can't be read now keeps the goals it gave before.
-    if (auto found = CodexPlanSource::goals(paths_.codexGoals, ids)) goals_ = TaskPlans(found->begin(), found->end());
+    // A database that can't be read now (its writer holds it) keeps the
+    // goals it gave before and is tried again on the next poll.
+    if (auto found = CodexPlanSource::goals(paths_.codexGoals, ids)) {
+        goals_ = TaskPlans(found->begin(), found->end());
+        goalsStamp_ = st;
+    }
 }
 
 void TaskPlanPoller::pollOpenCode() {
@@ -204,8 +208,8 @@ void TaskPlanPoller::pollOpenCode() {
     }
     auto st = databaseStamp(paths_.openCodeDatabase);
     if (st == openCodeStamp_ && !sessionsChanged_) return;
-    openCodeStamp_ = st;
     if (!st.first || !st.first->regular) {
+        openCodeStamp_ = st;
         openCode_.clear();
         return;
     }
@@ -213,10 +217,13 @@ void TaskPlanPoller::pollOpenCode() {
     TaskPlans next;
     for (const auto& id : ids) {
         auto todos = scrivet::OpenCodeTranscriptReader::todos(db, id);
-        if (!todos) return;  // locked or unreadable: keep what we had
+        if (!todos) {
+            return;  // locked or unreadable: keep what we had, try again next poll
+        }
         next[id] = OpenCodePlanSource::plan(*todos);
     }
     openCode_ = std::move(next);
+    openCodeStamp_ = st;
 }
 
 std::optional<TaskPlan> TaskPlanPoller::planOf(const Tracked& t) const {
