@@ -7,7 +7,9 @@
 #include <thread>
 
 #include "lumora/app/lumora_app.hpp"
+#include "lumora/monitor/desktop_session_source.hpp"
 #include "lumora/monitor/session_derivation.hpp"
+#include "scrivet/claude_journal_builder.hpp"
 #include "scrivet/session_namer.hpp"
 #include "scrivet/session_topic.hpp"
 #include "support/test_http_server.hpp"
@@ -174,6 +176,25 @@ TEST(SessionNaming, ARowTakesItsNameWhenItArrivesAndTheSettingTurnsItOn) {
     SessionDerivation::Memo other;
     EXPECT_EQ(SessionDerivation::derive(obs, {}, other, now, {}).topic, "add a dark mode toggle");
     namer.stop();
+
+    // A desktop session's own title is never replaced by a name either.
+    const std::string desktopId = "0199a1c2-1111-7000-8000-00000000dddd";
+    writeFile(home / "names.json", Json{{desktopId, "Some other name"}}.dump());
+    namer.configure(configFor(server.url(), home / "names.json"));
+    writeFile(home / "desktop/claude-code-sessions/local_1.json",
+              Json{{"cliSessionId", desktopId}, {"title", "Desktop title"}, {"cwd", "/home/dev/proj"},
+                   {"lastActivityAt", std::chrono::duration_cast<std::chrono::milliseconds>(
+                                          std::chrono::system_clock::now().time_since_epoch()).count()}}
+                  .dump());
+    ClaudeJournal journal(desktopId, "/home/dev/proj");
+    journal.prompt("add a dark mode toggle").reply("Done.");
+    journal.writeTo(home / "projects/-home-dev-proj" / (desktopId + ".jsonl"));
+    DesktopSessionSource desktop({home / "desktop", home / "projects", home / "claude.json"});
+    desktop.setCoworkEnabled(false);
+    auto seen = desktop.observe(ScanContext{std::chrono::system_clock::now(), nullptr, nullptr});
+    ASSERT_EQ(seen.size(), 1u);
+    SessionDerivation::Memo desktopMemo;
+    EXPECT_EQ(SessionDerivation::derive(seen[0], {}, desktopMemo, now, {}).topic, "Desktop title");
 
     // The app hands the settings to the namer: empty is off, a remote host is refused.
     {
