@@ -475,8 +475,17 @@ bool SessionNamer::acceptable(std::string_view name) {
                                                   "you'll", "you've", "you'd", "u"};
     static const std::set<std::string> kAsAssistant = {"i", "i'm", "im", "i'll", "i've", "i'd", "me", "myself"};
     for (auto w : ws) {
-        auto c = lower(core(w));
-        for (size_t at; (at = c.find("’")) != std::string::npos;) c.replace(at, std::string_view("’").size(), "'");
+        // A typographic apostrophe reads as a plain one ("you’re").
+        std::string c;
+        for (std::string_view rest = core(w); !rest.empty();) {
+            if (rest.starts_with("’")) {
+                c += '\'';
+                rest.remove_prefix(std::string_view("’").size());
+            } else {
+                c += static_cast<char>(std::tolower(static_cast<unsigned char>(rest.front())));
+                rest.remove_prefix(1);
+            }
+        }
         if (kToUser.count(c) || kAsAssistant.count(c)) return false;
     }
     std::string head = lower(t);

@@ -22,7 +22,7 @@ TEST(SessionNamer, TidiesAndRefusesWhatIsNotAName) {
     for (const char* good : {"Release binary compile", "Dark mode toggle", "Stripe webhook retries"})
         EXPECT_TRUE(SessionNamer::acceptable(good)) << good;
     for (const char* bad : {"", "Does it have access?", "I will compile the binary", "You are asking about rows",
-                            "Compile", "Let me look at the build", "Your login page fix",
+                            "Compile", "Let me look at the build", "Your login page fix", "Fixing what you’re after",
                             "A very long phrase that keeps going on and on", "Migrate every legacy billing "
                                                                             "endpoint to the new gateway"})
         EXPECT_FALSE(SessionNamer::acceptable(bad)) << bad;
