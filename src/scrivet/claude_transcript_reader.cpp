@@ -12,6 +12,7 @@
 #include "scrivet/claude_subagent_reader.hpp"
 #include "scrivet/file_stamp.hpp"
 #include "scrivet/regular_file.hpp"
+#include "scrivet/session_topic.hpp"
 #include "scrivet/tail_reader.hpp"
 
 namespace scrivet::ClaudeTranscriptReader {
@@ -155,7 +156,10 @@ TranscriptInfo infoFromEntries(const std::vector<JournalEntry>& entries, const f
     info.created = info.lastEntryDate;
     for (auto candidate : {creationDate(file), firstEntryDate(entries)})
         if (candidate && *candidate < info.created) info.created = *candidate;
-    info.topic = aiTitle(entries);
+    // The agent's own title wins; else the first prompt, read once from the head.
+    std::optional<std::string> id = info.sessionId;
+    if (!id && file.extension() == ".jsonl") id = file.stem().string();
+    SessionTopic::fill(info, aiTitle(entries), SessionTopic::firstPrompt(file, HarnessProvider::claudeCode), id);
     return info;
 }
 

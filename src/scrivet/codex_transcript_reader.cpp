@@ -11,7 +11,7 @@
 
 #include "scrivet/claude_transcript_derivation.hpp"
 #include "scrivet/journal_tail.hpp"
-#include "scrivet/prompt_text.hpp"
+#include "scrivet/session_topic.hpp"
 
 namespace scrivet {
 
@@ -445,7 +445,9 @@ fs::path dayFolder(const fs::path& root, Date when) {
 std::optional<Header> header(const fs::path& file) {
     // The head up to the first prompt: what comes after it is the tail's.
     auto entries = JournalTail::head(file, kHeadBytes, kHeadLines, kFirstLineMax, [](const Entries& read) {
-        return read.size() == 1 ? read.front().type() != "session_meta" : userPromptText(read.back()).has_value();
+        // The event holds the prompt as typed: read on until it comes.
+        return read.size() == 1 ? read.front().type() != "session_meta"
+                                : read.back().type() == "event_msg" && userPromptText(read.back()).has_value();
     });
     if (entries.empty() || entries.front().type() != "session_meta") return std::nullopt;
     auto p = payload(entries.front());
@@ -487,7 +489,7 @@ std::optional<Header> header(const fs::path& file) {
     if (auto git = json::field(*p, "git")) h.gitBranch = nonEmpty(json::string(*git, "branch"));
     if (auto ts = json::string(*p, "timestamp")) h.created = parseIsoDate(*ts);
     if (!h.created) h.created = entryDate(entries.front());
-    h.firstPrompt = firstPrompt(entries);
+    h.firstPrompt = SessionTopic::codexFirstPrompt(entries);
     h.model = modelId(entries);
     uint64_t size = 0;
     if (auto st = stamp(file)) size = st->size;
@@ -554,8 +556,9 @@ std::optional<CodexSession> session(const fs::path& file, const Header& h) {
     info.hasRealTurn = hasRealTurn(entries);
     info.lastEntryDate = newest.value_or(info.lastModified);
     info.created = h.created.value_or(ClaudeTranscriptReader::firstEntryDate(entries).value_or(info.lastEntryDate));
-    auto first = h.firstPrompt ? h.firstPrompt : firstPrompt(entries);
-    if (first) info.topic = PromptText::topic(*first);
+    // The topic is the first prompt's, from the head only: a prompt found in
+    // the tail could be a later one.
+    SessionTopic::fill(info, std::nullopt, h.firstPrompt, h.sessionId);
     return s;
 }
 

@@ -8,7 +8,7 @@
 
 #include "scrivet/claude_transcript_derivation.hpp"
 #include "scrivet/journal_tail.hpp"
-#include "scrivet/prompt_text.hpp"
+#include "scrivet/session_topic.hpp"
 
 namespace scrivet::CursorTranscriptReader {
 
@@ -389,9 +389,7 @@ std::optional<CursorSession> session(const fs::path& file, const std::string& cw
     std::sort(info.subagents.begin(), info.subagents.end(),
               [](const SubagentInfo& a, const SubagentInfo& b) { return a.id < b.id; });
     info.subagentCount = static_cast<int>(info.subagents.size());
-    auto first = firstPrompt(JournalTail::head(file, kHeadBytes, 200));
-    if (!first) first = firstPrompt(entries);
-    if (first) info.topic = PromptText::topic(*first);
+    SessionTopic::fill(info, std::nullopt, SessionTopic::firstPrompt(file, HarnessProvider::cursor), s.sessionId);
     return s;
 }
 

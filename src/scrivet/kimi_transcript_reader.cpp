@@ -24,7 +24,6 @@ constexpr uint64_t kMaxWindow = 4 * 1024 * 1024;
 constexpr size_t kActivityLines = 8;
 constexpr size_t kActivityChars = 100;
 constexpr size_t kSummaryChars = 120;
-constexpr size_t kHeadBytes = 64 * 1024;
 constexpr size_t kSmallFileLimit = 1 << 20;
 constexpr size_t kConfigLimit = 4 << 20;
 constexpr auto kLiveAgentWindow = std::chrono::seconds(120);
@@ -443,28 +442,10 @@ StateRead stateFacts(const fs::path& file) {
     });
 }
 
-// The first prompt, from the journal's head. Kept once found: a session's
-// topic never moves to a later prompt.
+// The first prompt, from the journal's head (remembered once found: a
+// session's topic never moves to a later prompt).
 std::optional<std::string> headPrompt(const fs::path& wire) {
-    static std::mutex lock;
-    static std::unordered_map<std::string, std::string> found;
-    {
-        std::lock_guard guard(lock);
-        if (auto it = found.find(wire.string()); it != found.end()) return it->second;
-    }
-    auto head = RegularFile::head(wire, kHeadBytes);
-    if (!head.text) return std::nullopt;
-    // The head may end inside a line: only the lines before its last newline count.
-    std::string_view text = *head.text;
-    if (auto nl = text.rfind('\n'); nl != std::string_view::npos) text = text.substr(0, nl + 1);
-    else text = {};
-    auto prompt = firstPrompt(text);
-    if (prompt) {
-        std::lock_guard guard(lock);
-        if (found.size() > 4096) found.clear();
-        found[wire.string()] = *prompt;
-    }
-    return prompt;
+    return SessionTopic::firstPrompt(wire, HarnessProvider::kimi);
 }
 
 // A session's working directory never changes, so it is read once.
@@ -636,7 +617,8 @@ std::optional<std::string> firstPrompt(std::string_view lines) {
     forEachObject(lines, [&](element e) {
         if (found || json::string(e, "type").value_or("") != "turn.prompt") return;
         auto prompt = promptText(e);
-        if (!trimmed(prompt).empty()) found = std::move(prompt);
+        // A prompt that says nothing (markup, an image alone) is walked past.
+        if (SessionTopic::promptText(prompt)) found = std::move(prompt);
     });
     return found;
 }
@@ -795,8 +777,11 @@ std::optional<KimiSession> build(const std::string& sessionId, const fs::path& s
     std::optional<std::string> title;
     if (state && state->title && trimmed(*state->title) != kDefaultTitle) title = state->title;
     auto prompt = headPrompt(wire);
+    // Before the wire holds the first prompt, the state's (newest) prompt is that prompt.
     if (!prompt && state) prompt = state->lastPrompt;
-    info.topic = SessionTopic::label(title, prompt);
+    std::optional<std::string> id;
+    if (!sessionId.empty()) id = sessionId;
+    SessionTopic::fill(info, title, prompt, id);
     return s;
 }
 

@@ -511,18 +511,21 @@ std::optional<GoUsage> goUsage(const fs::path& database, Date now, const GoPlan&
 
 // --- to-do lists ---------------------------------------------------------------------------------------
 
-std::optional<std::vector<OpenCodeTodo>> todos(const fs::path& database, const std::string& sessionId,
-                                               std::string* why) {
-    ReadOnlyDatabase db(database);
+std::optional<std::vector<OpenCodeTodo>> todos(ReadOnlyDatabase& db, const std::string& sessionId) {
     std::vector<OpenCodeTodo> out;
     auto q = db.prepare(kTodos);
     q.bind(1, sessionId);
     while (q.step())
         out.push_back({std::string(q.text(0)), std::string(q.text(1)), std::string(q.text(2)), q.integer(3)});
-    if (!db.ok()) {
-        if (why) *why = db.error()->why;
-        return std::nullopt;
-    }
+    if (!db.ok()) return std::nullopt;
+    return out;
+}
+
+std::optional<std::vector<OpenCodeTodo>> todos(const fs::path& database, const std::string& sessionId,
+                                               std::string* why) {
+    ReadOnlyDatabase db(database);
+    auto out = todos(db, sessionId);
+    if (!out && why && db.error()) *why = db.error()->why;
     return out;
 }
 
@@ -650,7 +653,7 @@ ScanResult runningSessions(const fs::path& database, const ScanOptions& options)
         }
         info.lastEntryDate = turn.lastEntry.value_or(info.lastModified);
         info.created = info.lastEntryDate;
-        info.topic = SessionTopic::label(s.title, s.firstPrompt);
+        SessionTopic::fill(info, s.title, s.firstPrompt, s.sessionId);
 
         // Child sessions: running ones are the subagents on the row.
         // Children that have not changed for a while have finished; only the

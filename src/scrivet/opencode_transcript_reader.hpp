@@ -158,6 +158,8 @@ struct OpenCodeTodo {
 // "todo" table) can't be read.
 std::optional<std::vector<OpenCodeTodo>> todos(const fs::path& database, const std::string& sessionId,
                                                std::string* why = nullptr);
+// The same on a database already open (one open for many sessions).
+std::optional<std::vector<OpenCodeTodo>> todos(ReadOnlyDatabase& db, const std::string& sessionId);
 
 // --- sessions -----------------------------------------------------------------------------
 

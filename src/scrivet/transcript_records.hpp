@@ -91,6 +91,10 @@ struct TranscriptInfo {
     Date created{};
     Date lastEntryDate{};
     std::optional<std::string> topic;
+    // The first human prompt as one cleaned line, when the topic is left to
+    // it (the agent gave no title of its own): the local model may still
+    // name the session from it.
+    std::optional<std::string> firstPrompt;
 
     bool operator==(const TranscriptInfo&) const = default;
 };

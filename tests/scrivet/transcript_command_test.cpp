@@ -13,7 +13,8 @@ TEST(TranscriptCommand, PrintsTheFactsOfOneJournal) {
     for (auto line : {"sessionId: 56b4dab8-0cda-4952-abcc-acd583999d5c\n", "cwd: /home/dev/proj.app\n",
                       "gitBranch: feature/harness\n", "model: Opus 5.5\n", "inProgress: false\n",
                       "summary: Thanks for answering.\n", "pendingApproval: -\n", "hasRealTurn: true\n",
-                      "recentActivity: reply Thanks for answering.\n", "subagentCount: 0\n", "topic: -\n"})
+                      "recentActivity: reply Thanks for answering.\n", "subagentCount: 0\n",
+                      "topic: [[h:ask]] Harness TUI variant tui-ask.\n"})
         EXPECT_NE(result.output.find(line), std::string::npos) << line << "\n" << result.output;
 
     auto missing = runCommand(bin + " --transcript /no/such/file.jsonl 2>&1");

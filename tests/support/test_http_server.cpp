@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace lumora::test {
@@ -107,6 +108,19 @@ void TestHttpServer::answer(int fd) {
             req.headers[lower(line.substr(0, colon))] = value;
         }
         at = end + 2;
+    }
+    // The body, as long as the header says.
+    size_t bodyStart = in.find("\r\n\r\n") + 4;
+    size_t want = 0;
+    if (auto it = req.headers.find("content-length"); it != req.headers.end())
+        want = std::min<size_t>(std::strtoull(it->second.c_str(), nullptr, 10), 1 << 20);
+    req.body = in.substr(std::min(bodyStart, in.size()));
+    while (req.body.size() < want) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 5000) <= 0) break;
+        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) break;
+        req.body.append(buf, static_cast<size_t>(n));
     }
     Handler handler;
     {

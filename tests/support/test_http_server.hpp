@@ -22,6 +22,7 @@ public:
         std::string method;
         std::string path;
         std::map<std::string, std::string> headers;  // names lower-cased
+        std::string body;  // as long as its Content-Length says (at most 1 MiB)
     };
     struct Reply {
         int status = 200;

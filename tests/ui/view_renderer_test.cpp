@@ -38,8 +38,10 @@ public:
     std::set<std::string> unseen, acked, seen;
     std::optional<PeekEvent> peek;
     std::vector<std::pair<std::string, ApprovalChoice::Kind>> chosen;
+    TaskPlans plans;
 
     std::vector<AgentInstance> instances() const override { return list; }
+    TaskPlans taskPlans() const override { return plans; }
     std::set<std::string> unseenCompletions() const override { return unseen; }
     std::set<std::string> acknowledgedAttention() const override { return acked; }
     std::optional<PeekEvent> peekEvent() const override { return peek; }
@@ -430,4 +432,39 @@ TEST(ViewRenderer, ALongCommandIsShownWholeBeforeItCanBeApproved) {
     EXPECT_EQ(t.find("[a] Approve"), std::string::npos);
     EXPECT_NE(t.find("Bash · "), std::string::npos);
     EXPECT_EQ(t.find("↑ "), std::string::npos);
+}
+
+TEST(ViewRenderer, APlanShowsItsBadgeAndItsStepsInTheOpenedRow) {
+    Harness h;
+    h.backend.list = {row("planned", AgentStatus::working, 5s), row("plain", AgentStatus::working, 9s)};
+    using S = TaskPlanItem::Status;
+    TaskPlan plan;
+    const char* steps[] = {"Map the readers", "Sketch the state", "Read the growth", "Write the tests", "Bench a week",
+                           "Handle truncation", "Document the cache", "Wire it in", "Announce it", "Tidy up"};
+    for (int i = 0; i < 10; ++i) {
+        S status = i < 3 ? S::completed : i == 3 ? S::inProgress : S::pending;
+        plan.items.push_back({steps[i], steps[i], i == 3 ? std::optional<std::string>("Writing the tests") : std::nullopt, status});
+    }
+    h.backend.plans["planned"] = plan;
+    h.backend.plans["plain"] = TaskPlan{};  // an empty plan is no plan
+    h.open();
+
+    std::string t = h.text(100, 30);
+    EXPECT_NE(t.find("topic of planned"), std::string::npos);
+    EXPECT_NE(t.find("☰ 3/10 · Writing the tests"), std::string::npos) << t;
+    EXPECT_EQ(t.find("0/0"), std::string::npos);
+    EXPECT_EQ(t.find("Bench a week"), std::string::npos);  // steps only in the opened row
+
+    // Opened: finished steps fold into one line, the tail into "+N more", within six lines.
+    h.view->handle(Key::expand);
+    t = h.text(100, 40);
+    EXPECT_NE(t.find("✓ 3 done"), std::string::npos) << t;
+    EXPECT_NE(t.find("▸ Writing the tests"), std::string::npos);
+    EXPECT_NE(t.find("◦ Bench a week"), std::string::npos);
+    EXPECT_NE(t.find("+3 more"), std::string::npos);
+    EXPECT_EQ(t.find("Wire it in"), std::string::npos);
+
+    // A narrow screen keeps the badge and drops the step first.
+    t = h.text(60, 30);
+    EXPECT_NE(t.find("☰ 3/10"), std::string::npos) << t;
 }

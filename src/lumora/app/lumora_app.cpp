@@ -9,9 +9,11 @@
 #include "lumora/monitor/opencode_session_source.hpp"
 #include "lumora/platform/paths.hpp"
 #include "lumora/platform/power_state.hpp"
+#include "lumora/usage/http_client.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "scrivet/kimi_transcript_reader.hpp"
 #include "scrivet/opencode_transcript_reader.hpp"
+#include "scrivet/session_namer.hpp"
 
 #include <cstdlib>
 
@@ -139,6 +141,16 @@ LumoraApp::LumoraApp()
     };
     notifications_ = std::make_unique<SessionNotifications>(Notifier::desktop("Lumora", "lumora"), std::move(notify));
     monitor_->setOnAlert([this](const ClaudeMonitor::Alert& alert) { notifications_->alerted(alert.peek); });
+
+    plans_ = std::make_unique<TaskPlanStore>(
+        TaskPlanPaths{Paths::claudeTasks(), Paths::claudeProjects(), Paths::codexHome() / "sessions", Paths::codexGoals(),
+                      Paths::cursorHome() / "projects", scrivet::KimiTranscriptReader::sessionsRoot(Paths::kimiHome()),
+                      scrivet::OpenCodeTranscriptReader::databaseURL(Paths::openCodeData())},
+        RunLoop::main());
+    plans_->setOnChange([this] {
+        if (onPublish_) onPublish_();
+    });
+
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
 }
@@ -161,6 +173,9 @@ void LumoraApp::published() {
     }
     notifications_->published(monitor_->instances());
     bridge_->rowsChanged();
+    std::vector<PlanSession> shown;
+    for (const auto& a : monitor_->instances()) shown.push_back({a.provider, a.id});
+    plans_->registerSessions(shown);
     if (onPublish_) onPublish_();
 }
 
@@ -191,6 +206,22 @@ void LumoraApp::applySettings() {
     notifications_->setSettings({settings_.notificationsEnabled(), settings_.notifyOnDone()});
     // A notification with Approve and Deny is a face that can answer too.
     bridge_->setGating((gatingWanted_ || notifications_->canAnswer()) && settings_.approveRuns());
+    plans_->setEnabled(settings_.taskPlanEnabled());
+    configureNamer();
+}
+
+void LumoraApp::configureNamer() {
+    std::pair<std::string, std::string> wanted{settings_.namingEndpoint(), settings_.namingModel()};
+    if (namerSettings_ == wanted) return;
+    namerSettings_ = wanted;
+    scrivet::SessionNamer::Config c;
+    c.endpoint = wanted.first;
+    c.model = wanted.second;
+    c.cacheFile = Paths::sessionNamesFile();
+    c.transport = namingTransport();
+    auto& namer = scrivet::SessionNamer::shared();
+    namer.configure(std::move(c));
+    if (started_) namer.prewarm();
 }
 
 void LumoraApp::jump(const AgentInstance& session, std::function<void(std::vector<std::string>)> done) {
@@ -212,6 +243,13 @@ Status LumoraApp::start(bool gatingWanted) {
     settings_.watch(RunLoop::main(), *files_);
     usage_->start();
     spend_->start();
+    plans_->start();
+    // Names arrive on the namer's worker; the rows pick them up on a rescan.
+    auto& namer = scrivet::SessionNamer::shared();
+    ClaudeMonitor* monitor = monitor_.get();
+    namer.setOnNamed([monitor](const std::string&) { monitor->refreshNow(); });
+    namer.start();
+    namer.prewarm();
     started_ = true;
     return status;
 }
@@ -248,9 +286,29 @@ void LumoraApp::stop() {
     bridge_->releaseAllGates();
     spend_->stop();
     notifications_->stop();
+    plans_->stop();
+    auto& namer = scrivet::SessionNamer::shared();
+    namer.stop();
+    namer.setOnNamed({});
     monitor_->stop();
     usage_->stop();
     bridge_->stop();
+}
+
+scrivet::SessionNamer::Transport namingTransport() {
+    return [](const scrivet::SessionNamer::Exchange& ex) {
+        HttpClient::Request r;
+        r.url = ex.url;
+        r.headers = {{"Content-Type", "application/json"}, {"Accept", "application/json"}};
+        r.timeout = ex.timeout;
+        r.maxBody = ex.maxAnswer;
+        r.cancel = ex.cancel;
+        r.direct = true;  // the prompt goes to this machine's server and nowhere else
+        auto result = HttpClient::post(r, ex.body);
+        scrivet::SessionNamer::Answer answer;
+        if (result.response) answer = {result.response->status, std::move(result.response->body)};
+        return answer;
+    };
 }
 
 ui::ViewSettings viewSettings(const SettingsStore& store) {
@@ -299,6 +357,8 @@ std::vector<QuotaReading> AppBackend::quotaReadings() const { return app_.usage(
 std::optional<UsageAlert> AppBackend::usageAlert() const { return app_.usage().alert(); }
 
 std::optional<SpendSummary> AppBackend::spendSummary() const { return app_.spend().summary(); }
+
+TaskPlans AppBackend::taskPlans() const { return app_.plans().plans(); }
 
 void AppBackend::setOnChange(std::function<void()> onChange) {
     app_.usage().setOnPublish(onChange);

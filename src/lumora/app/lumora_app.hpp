@@ -13,6 +13,7 @@
 #include "lumora/app/settings_store.hpp"
 #include "lumora/approvals/approval_rules_store.hpp"
 #include "lumora/hooks/hook_bridge.hpp"
+#include "lumora/hooks/task_plan_store.hpp"
 #include "lumora/base/serial_queue.hpp"
 #include "lumora/monitor/claude_monitor.hpp"
 #include "lumora/monitor/desktop_session_source.hpp"
@@ -22,6 +23,7 @@
 #include "lumora/ui/view_backend.hpp"
 #include "lumora/ui/view_state.hpp"
 #include "lumora/usage/usage_poller.hpp"
+#include "scrivet/session_namer.hpp"
 
 namespace lumora {
 
@@ -67,6 +69,8 @@ public:
     UsagePoller& usage() { return *usage_; }
     SpendService& spend() { return *spend_; }
     FileWatcher& files() { return *files_; }
+    // Each shown session's task plan, polled while the app runs.
+    TaskPlanStore& plans() { return *plans_; }
 
     // What the hook bridge knows, as the monitor's status rules read it.
     static HookSnapshot hookSnapshot(const HookBridgeSnapshot& bridge);
@@ -82,6 +86,8 @@ private:
     bool canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const;
     // Whether a view's row shows prompt `gateId` with its buttons.
     bool viewShows(const std::string& sessionId, uint64_t gateId) const;
+    // Hands the naming settings to the session namer when they changed.
+    void configureNamer();
 
     DefaultsStore& defaults_;
     SettingsStore& settings_;
@@ -93,6 +99,8 @@ private:
     std::unique_ptr<ClaudeMonitor> monitor_;
     std::unique_ptr<UsagePoller> usage_;
     std::unique_ptr<SpendService> spend_;
+    std::unique_ptr<TaskPlanStore> plans_;
+    std::optional<std::pair<std::string, std::string>> namerSettings_;  // endpoint and model given to the namer
     DesktopSessionSource* desktop_ = nullptr;  // owned by the monitor
     std::unique_ptr<SerialQueue> jumps_;
     // Desktop notifications; a prompt with Approve and Deny on screen counts as shown.
@@ -104,6 +112,11 @@ private:
     mutable std::mutex showableMutex_;
     std::set<std::tuple<HarnessProvider, std::string, uint64_t>> showable_;
 };
+
+// How the session namer reaches the local model server: a POST through the
+// HTTP client, never through a proxy; no answer (refused, timed out, larger
+// than the namer allows) is status 0.
+scrivet::SessionNamer::Transport namingTransport();
 
 // The settings a view draws with, as the user set them.
 ui::ViewSettings viewSettings(const SettingsStore& store);
@@ -127,6 +140,7 @@ public:
     void setOnChange(std::function<void()> onChange) override;
     std::optional<std::string> hooksProblem() const override;
     std::optional<SpendSummary> spendSummary() const override;
+    TaskPlans taskPlans() const override;
 
 private:
     LumoraApp& app_;

@@ -177,12 +177,22 @@ Json toJson(const AgentInstance& a) {
     return j;
 }
 
-Json scanJson(const std::vector<AgentInstance>& list, const Json& usage) {
+Json toJson(const TaskPlan& plan) {
+    Json items = Json::array();
+    for (const auto& i : plan.items)
+        items.push_back({{"id", i.id}, {"subject", i.subject}, {"activeForm", opt(i.activeForm)},
+                         {"status", std::string(rawValue(i.status))}});
+    return {{"doneCount", plan.doneCount()}, {"totalCount", plan.totalCount()}, {"items", items}};
+}
+
+Json scanJson(const std::vector<AgentInstance>& list, const Json& usage, const TaskPlans& plans) {
     Json out = Json::array();
     for (const auto& a : list) {
         Json j = toJson(a);
         auto it = usage.is_object() ? usage.find(std::string(scrivet::rawValue(a.provider))) : usage.end();
         j["planUsage"] = usage.is_object() && it != usage.end() ? *it : Json(nullptr);
+        auto plan = plans.find(a.id);
+        j["taskPlan"] = plan != plans.end() && !plan->second.empty() ? toJson(plan->second) : Json(nullptr);
         out.push_back(std::move(j));
     }
     return out;
@@ -198,7 +208,16 @@ int scan(bool json) {
         Json usage = Json::object();
         if (app.settings().usageEnabled())
             usage = UsageCommand::toJson(UsageCommand::currentReadings(now, app.settings().openCodeGoCaps()), now);
-        Json out = scanJson(list, usage);
+        // One look at the shown sessions' plans, as the running app would have them.
+        TaskPlans plans;
+        if (app.settings().taskPlanEnabled()) {
+            std::vector<PlanSession> shown;
+            for (const auto& a : list) shown.push_back({a.provider, a.id});
+            app.plans().registerSessions(shown);
+            app.plans().pollNow();
+            plans = app.plans().plans();
+        }
+        Json out = scanJson(list, usage, plans);
         std::cout << JsonText::dump(out, 2) << "\n";  // invalid bytes replaced, never a throw
     } else {
         for (const auto& a : list) std::cout << scanLine(a) << "\n";

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "lumora/hooks/task_plan_store.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 
 // The ways to run the monitor from the command line.
@@ -31,8 +32,13 @@ int interactive(Face face = Face::automatic);
 std::string scanLine(const AgentInstance& a);
 // Every field of a session, for `--scan --json`.
 nlohmann::ordered_json toJson(const AgentInstance& a);
+// A task plan: "doneCount", "totalCount" and "items" ("id", "subject",
+// "activeForm", "status": "pending", "inProgress" or "completed").
+nlohmann::ordered_json toJson(const TaskPlan& plan);
 // The `--scan --json` array: every session's fields and, as "planUsage", its
-// provider's entry of `usage` (UsageCommand::toJson of the readings), or null.
-nlohmann::ordered_json scanJson(const std::vector<AgentInstance>& list, const nlohmann::ordered_json& usage);
+// provider's entry of `usage` (UsageCommand::toJson of the readings), or
+// null, and as "taskPlan" its plan from `plans`, or null.
+nlohmann::ordered_json scanJson(const std::vector<AgentInstance>& list, const nlohmann::ordered_json& usage,
+                                const TaskPlans& plans = {});
 
 }  // namespace lumora::RunCommands

@@ -43,7 +43,8 @@ const std::vector<std::string>& SettingsStore::keys() {
         kSubagentsEnabled, kTaskPlanEnabled,   kCoworkEnabled,      kCloudTasksEnabled, kIdleAgentPolicy,
         kVisibleRowLimit,  kHooksEnabled,      kApproveRuns,        kIdleTimeoutMinutes, kHoverResponse,
         kHoverReach,       kTabStyle,          kTabMarks,           kPanelMaterial,     kUsageLeftReadout,
-        kUsageRightReadout, kUsageWarnInColour, kNotchDisplays,     kHasCompletedOnboarding, kNotificationsEnabled, kNotifyOnDone};
+        kUsageRightReadout, kUsageWarnInColour, kNotchDisplays,     kHasCompletedOnboarding, kNotificationsEnabled, kNotifyOnDone,
+        kNamingEndpoint, kNamingModel};
     return kKeys;
 }
 
@@ -136,6 +137,8 @@ Status SettingsStore::setLaunchAtLogin(bool enabled) {
     return failure ? Status::failure(*failure) : Status::success();
 }
 bool SettingsStore::usageWarnInColour() const { return flag(kUsageWarnInColour, true); }
+std::string SettingsStore::namingEndpoint() const { return defaults_.string(kNamingEndpoint).value_or(""); }
+std::string SettingsStore::namingModel() const { return defaults_.string(kNamingModel).value_or(""); }
 
 IdleAgentPolicy SettingsStore::idleAgentPolicy() const {
     auto raw = defaults_.string(kIdleAgentPolicy);

@@ -61,6 +61,9 @@ public:
     static constexpr const char* kOpenCodeGoFiveHourCap = "openCodeGoFiveHourCap";
     static constexpr const char* kOpenCodeGoWeeklyCap = "openCodeGoWeeklyCap";
     static constexpr const char* kOpenCodeGoMonthlyCap = "openCodeGoMonthlyCap";
+    // The local model server that names sessions (a loopback URL; empty: naming off) and its model.
+    static constexpr const char* kNamingEndpoint = "namingEndpoint";
+    static constexpr const char* kNamingModel = "namingModel";
     static constexpr const char* kNotchDisplays = "notchDisplays";
     static constexpr const char* kPreferredDisplay = "preferredDisplay";  // legacy single display
     static constexpr const char* kNotchDisplaysMigrated = "notchDisplaysMigrated";
@@ -115,6 +118,8 @@ public:
     // The OpenCode Go caps; a missing, zero, negative or non-number value takes the default.
     GoUsage::Caps openCodeGoCaps() const;
     std::vector<std::string> notchDisplays() const;
+    std::string namingEndpoint() const;
+    std::string namingModel() const;
     bool hasCompletedOnboarding() const;
     // Desktop notifications (on when missing), and for finished turns too (off when missing).
     bool notificationsEnabled() const;

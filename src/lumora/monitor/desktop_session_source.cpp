@@ -88,7 +88,11 @@ std::vector<SessionObservation> DesktopSessionSource::desktopSessions(const Scan
         if (journal) o.info = Reader::info(*journal, cwd, paths_.claudeConfig, Reader::ReadOptions{ctx.now, {}});
         if (o.info) {
             o.backgroundActive = o.info->pendingBackgroundAgents > 0 && o.info->recentSubagentActivity;
-            if (entry.title) o.info->topic = entry.title;
+            // The desktop's own title wins over every other tier.
+            if (entry.title) {
+                o.info->topic = entry.title;
+                o.info->firstPrompt.reset();
+            }
         }
         out.push_back(std::move(o));
     }

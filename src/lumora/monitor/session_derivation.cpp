@@ -4,6 +4,7 @@
 #include <set>
 
 #include "lumora/monitor/cursor_status_rules.hpp"
+#include "scrivet/session_namer.hpp"
 
 namespace lumora {
 
@@ -136,6 +137,12 @@ AgentInstance derive(const SessionObservation& obs, const HookSignals& hooks, Me
     a.host = obs.host;
     a.surface = obs.surface;
     a.topic = info.topic;
+    // A topic left to the first prompt takes the local model's name once it
+    // has one: asked again on every scan, since a reader's facts may be
+    // reused unchanged while the journal is quiet.
+    if (info.firstPrompt && !isFallbackIdentity(obs.id)) {
+        if (auto name = scrivet::SessionNamer::shared().cachedName(obs.id, *info.firstPrompt)) a.topic = name;
+    }
     a.workspaceFolders = obs.workspaceFolders;
     a.question = obs.question;
 

@@ -27,6 +27,8 @@ fs::path hookStateFile();
 fs::path approvalsLog();
 fs::path logFile();
 fs::path spendCacheFile();
+// The names the local model server gave sessions (support folder/session-names.json).
+fs::path sessionNamesFile();
 // The cached public price lists and their validators (support folder/pricing).
 fs::path pricingFolder();
 // The entry that starts Lumora at login. Linux: $XDG_CONFIG_HOME/autostart/lumora.desktop.
@@ -37,7 +39,9 @@ fs::path claudeHome();        // ~/.claude
 fs::path claudeConfigFile();  // ~/.claude.json
 fs::path claudeProjects();    // ~/.claude/projects
 fs::path claudeSessions();    // ~/.claude/sessions
+fs::path claudeTasks();       // ~/.claude/tasks (task plans, one folder per session)
 fs::path codexHome();         // ~/.codex
+fs::path codexGoals();        // ~/.codex/goals_1.sqlite (each thread's goal)
 fs::path cursorHome();        // ~/.cursor
 fs::path kimiHome();          // ~/.kimi-code
 fs::path openCodeData();      // ~/.local/share/opencode

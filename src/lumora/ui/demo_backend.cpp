@@ -40,6 +40,27 @@ void context(AgentInstance& a, long long tokens, long long max, bool estimated =
 }  // namespace
 
 DemoBackend::DemoBackend(Date now) {
+    using S = TaskPlanItem::Status;
+    auto step = [](std::string subject, S status, std::optional<std::string> active = std::nullopt) {
+        return TaskPlanItem{subject, subject, std::move(active), status};
+    };
+    plans_["0199a1c2-1111-7000-8000-000000000001"] = TaskPlan{{
+        step("Update the changelog", S::completed),
+        step("Run the test suite", S::inProgress, "Running the test suite"),
+        step("Tag v0.3.0", S::pending),
+    }};
+    plans_["0199a1c2-1111-7000-8000-000000000006"] = TaskPlan{{
+        step("Map the journal readers", S::completed),
+        step("Sketch the scanner's state", S::completed),
+        step("Read only what a journal gained", S::completed),
+        step("Write the scanner tests", S::inProgress, "Writing the scanner tests"),
+        step("Benchmark a week of journals", S::pending),
+        step("Handle truncated journals", S::pending),
+        step("Document the cache file", S::pending),
+        step("Wire it into the monitor", S::pending),
+    }};
+    plans_["019fb206-97a0-7573-a940-cb4c5cf36e91"] = TaskPlan{{
+        {"goal", "Retry failed refunds with exponential backoff", std::nullopt, S::inProgress}}};
     int pid = 41200;
     auto add = [&](AgentInstance a) {
         a.pid = pid++;

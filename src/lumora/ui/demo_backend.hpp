@@ -39,6 +39,8 @@ public:
     void setOnChange(std::function<void()> onChange) override { onChange_ = std::move(onChange); }
     // Scripted figures for the strip.
     std::optional<SpendSummary> spendSummary() const override;
+    // Scripted plans: a release checklist under way, a long plan that overflows, a Codex goal.
+    TaskPlans taskPlans() const override { return plans_; }
 
     // The "always" rules made so far, as "head:<head>" keys.
     const std::set<std::string>& alwaysRules() const { return always_; }
@@ -60,6 +62,7 @@ private:
     std::optional<PeekEvent> peek_;
     long long peekToken_ = 0;
     std::vector<QuotaReading> quotas_;
+    TaskPlans plans_;
     std::optional<UsageAlert> usageAlert_;
     long long usageToken_ = 0;
     int step_ = 0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "lumora/approvals/approval_request.hpp"
+#include "lumora/hooks/task_plan_store.hpp"
 #include "lumora/monitor/agent_instance.hpp"
 #include "lumora/monitor/peek_event.hpp"
 #include "lumora/usage/quota_reading.hpp"
@@ -60,6 +61,9 @@ public:
     // Today's token spend for the strip, when it is known (a front end
     // without spend figures keeps the default).
     virtual std::optional<SpendSummary> spendSummary() const { return std::nullopt; }
+
+    // The sessions' task plans, by session id (none while plans are off).
+    virtual TaskPlans taskPlans() const { return {}; }
 
     // Brings the user to where the session runs (its pane, terminal window or
     // app). Returns at once; `done` gets one line per route taken, on the

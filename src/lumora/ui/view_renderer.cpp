@@ -11,6 +11,7 @@ constexpr int kStatusWidth = 15;  // "Waiting for you"
 constexpr int kIndent = 6;        // where a row's second and later lines start
 constexpr int kMaxActivityLines = 6;
 constexpr int kMaxSubagentLines = 4;
+constexpr int kMaxPlanLines = 6;  // an opened row's plan steps, summary and overflow included
 
 // Joins pieces into one string (also sidesteps a false overflow warning of
 // GCC 12 on `"literal" + std::string` in optimised builds).
@@ -295,16 +296,39 @@ std::vector<Line> rowLines(const AgentInstance& a, const ViewModel& m, const Vie
     std::vector<Line> out = mainLine(a, m, isSelected, c, width);
     if (compact(a, m)) return out;
 
-    // The second line: what the row is about, and its subagents.
+    const TaskPlan* plan = nullptr;
+    if (auto it = m.plans.find(a.id); it != m.plans.end() && !it->second.empty()) plan = &it->second;
+
+    // The second line: what the row is about, its plan's badge (done/total
+    // and the step at work) and its subagents.
     {
         Line l = indented(-2);
         if (m.unseen.count(a.id)) l.add("✓ Done · ", role(Role::working, true));
         std::string sub = a.subagentCount > 0
                               ? std::to_string(a.subagentCount) + (a.subagentCount == 1 ? " subagent" : " subagents")
                               : "";
-        int room = width - l.width() - (sub.empty() ? 0 : displayWidth(sub) + 2);
+        std::string badge, step;
+        if (plan) {
+            badge = "☰ " + plan->badge();
+            if (const auto* active = plan->activeItem()) step = oneLine(active->activeForm.value_or(active->subject));
+        }
+        int right = (sub.empty() ? 0 : displayWidth(sub) + 2) + (badge.empty() ? 0 : displayWidth(badge) + 2);
         std::string about = aboutText(a);
+        // The step at work takes what the topic leaves, and the topic keeps at least a third.
+        int stepRoom = 0;
+        if (!step.empty()) {
+            int left = width - l.width() - right;
+            int aboutNeeds = std::min(displayWidth(about), std::max(left / 3, 16));
+            stepRoom = std::max(0, left - aboutNeeds - 3);
+            if (stepRoom < 6) stepRoom = 0;
+            stepRoom = std::min(stepRoom, displayWidth(step));
+        }
+        int room = width - l.width() - right - (stepRoom > 0 ? stepRoom + 3 : 0);
         addPadded(l, about, std::max(0, room), Style{});
+        if (!badge.empty()) {
+            l.add("  ").add(badge, role(plan->hasActive() ? Role::working : Role::muted, plan->hasActive()));
+            if (stepRoom > 0) l.add(" · ", muted()).add(fitText(step, stepRoom), muted());
+        }
         if (!sub.empty()) l.add("  ").add(sub, muted());
         out.push_back(l);
     }
@@ -328,6 +352,24 @@ std::vector<Line> rowLines(const AgentInstance& a, const ViewModel& m, const Vie
         if (a.pid) where += " · pid " + std::to_string(*a.pid);
         out.push_back(indented().add(where, muted()));
         if (a.topic && a.summary && !a.summary->empty()) out.push_back(indented().add(oneLine(*a.summary)));
+        if (plan) {
+            // The plan's steps: finished ones first folded into one line and
+            // the tail cut to "+N more" when they do not all fit.
+            for (const auto& slot : plan->rowSlots(kMaxPlanLines)) {
+                Line l = indented();
+                if (slot.kind != TaskPlan::Slot::Kind::item) {
+                    l.add(slot.kind == TaskPlan::Slot::Kind::summary ? "✓ " : "  ", muted()).add(slot.text, muted());
+                } else if (slot.item->status == TaskPlanItem::Status::completed) {
+                    l.add("✓ ", role(Role::working)).add(oneLine(slot.text), muted());
+                } else if (slot.item->status == TaskPlanItem::Status::inProgress) {
+                    l.add("▸ ", role(Role::working, true))
+                        .add(oneLine(slot.item->activeForm.value_or(slot.text)), role(Role::normal, true));
+                } else {
+                    l.add("◦ ", muted()).add(oneLine(slot.text));
+                }
+                out.push_back(l);
+            }
+        }
         size_t first = a.recentActivity.size() > kMaxActivityLines ? a.recentActivity.size() - kMaxActivityLines : 0;
         for (size_t i = first; i < a.recentActivity.size(); ++i) {
             const auto& act = a.recentActivity[i];
@@ -351,7 +393,7 @@ std::vector<Line> rowLines(const AgentInstance& a, const ViewModel& m, const Vie
             if (sa.action && !sa.action->empty()) l.add(concat({" — ", oneLine(*sa.action)}), muted());
             out.push_back(l);
         }
-        if (a.recentActivity.empty() && a.subagents.empty()) out.push_back(indented().add("No recent activity", muted()));
+        if (a.recentActivity.empty() && a.subagents.empty() && !plan) out.push_back(indented().add("No recent activity", muted()));
     }
 
     for (auto& l : out) clip(l, width);

@@ -13,6 +13,7 @@ ViewModel ViewModel::read(const ViewBackend& backend, const ViewSettings& settin
     m.quotas = backend.quotaReadings();
     m.usageAlert = backend.usageAlert();
     m.spend = backend.spendSummary();
+    m.plans = backend.taskPlans();
     for (const auto& a : m.instances) {
         if (a.approval) m.choices[a.id] = backend.approvalChoices(*a.approval);
     }

@@ -34,6 +34,7 @@ struct ViewModel {
     std::vector<QuotaReading> quotas;       // the quota strip, in provider order
     std::optional<UsageAlert> usageAlert;   // the latest quota alert
     std::optional<SpendSummary> spend;                             // today's tokens and dollars
+    TaskPlans plans;                        // task plans by session id
     ViewSettings settings;
     std::optional<std::string> problem;  // shown in the status line when no note is
     Date now{};

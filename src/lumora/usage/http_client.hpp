@@ -29,7 +29,7 @@ struct HttpResult {
     std::string error;  // a transport failure in words, when there is no response
 };
 
-// Blocking HTTP GET requests through libcurl, for the usage workers (never
+// Blocking HTTP requests through libcurl, for the usage workers (never
 // called on the main loop or a monitor queue). TLS peers are verified,
 // redirects are not followed (a bearer token never travels to another host),
 // plain http is refused except to this machine, and the answer's body is cut
@@ -42,9 +42,12 @@ struct Request {
     std::chrono::milliseconds timeout{12000};
     size_t maxBody = 1u << 20;
     const std::atomic<bool>* cancel = nullptr;  // set from another thread to abort the transfer
+    bool direct = false;  // never through a proxy (for servers on this machine)
 };
 
 HttpResult get(const Request& request);
+// The same as a POST of `body` (send a Content-Type header with it).
+HttpResult post(const Request& request, const std::string& body);
 
 // True for an http:// or https:// URL that this client may use: https
 // anywhere, plain http only to 127.0.0.1, ::1 or localhost.

@@ -55,6 +55,7 @@ fs::path hookStateFile() { return supportFolder() / "hook-state.json"; }
 fs::path approvalsLog() { return supportFolder() / "approvals.log"; }
 fs::path logFile() { return supportFolder() / "lumora.log"; }
 fs::path spendCacheFile() { return supportFolder() / "spend-cache.json"; }
+fs::path sessionNamesFile() { return supportFolder() / "session-names.json"; }
 fs::path pricingFolder() { return supportFolder() / "pricing"; }
 fs::path loginItemFile() { return xdg("XDG_CONFIG_HOME", ".config") / "autostart" / "lumora.desktop"; }
 
@@ -62,7 +63,9 @@ fs::path claudeHome() { return home() / ".claude"; }
 fs::path claudeConfigFile() { return home() / ".claude.json"; }
 fs::path claudeProjects() { return claudeHome() / "projects"; }
 fs::path claudeSessions() { return claudeHome() / "sessions"; }
+fs::path claudeTasks() { return claudeHome() / "tasks"; }
 fs::path codexHome() { return home() / ".codex"; }
+fs::path codexGoals() { return codexHome() / "goals_1.sqlite"; }
 fs::path cursorHome() { return home() / ".cursor"; }
 fs::path kimiHome() { return home() / ".kimi-code"; }
 fs::path openCodeData() { return home() / ".local/share/opencode"; }
@@ -90,6 +93,7 @@ std::vector<Entry> all() {
         {"approvals log", approvalsLog()},
         {"log", logFile()},
         {"spend cache", spendCacheFile()},
+        {"session names", sessionNamesFile()},
         {"price lists", pricingFolder()},
         {"login item", loginItemFile()},
         {"claude home", claudeHome()},
@@ -97,8 +101,10 @@ std::vector<Entry> all() {
         {"claude projects", claudeProjects()},
         {"claude sessions", claudeSessions()},
         {"claude tasks", claudeTempFolder()},
+        {"claude task plans", claudeTasks()},
         {"claude desktop", claudeDesktopData()},
         {"codex home", codexHome()},
+        {"codex goals", codexGoals()},
         {"cursor home", cursorHome()},
         {"kimi home", kimiHome()},
         {"opencode data", openCodeData()},
