@@ -5,6 +5,7 @@
 
 #include "lumora/app/approvals_command.hpp"
 #include "lumora/app/desktop_wiring.hpp"
+#include "lumora/app/face_commands.hpp"
 #include "lumora/app/hooks_command.hpp"
 #include "lumora/app/jump_command.hpp"
 #include "lumora/app/login_item_command.hpp"
@@ -72,6 +73,15 @@ int run(int argc, char** argv) {
                      ->option_text("SESSION_ID");
     HooksCommand::Flags hookFlags;
     HooksCommand::addFlags(app, hookFlags);
+    bool watch = false, statusLine = false, jumpNext = false;
+    std::string format;
+    app.add_flag("--watch", watch,
+                 "Print the state as JSON lines, at once and on every change, until interrupted (from the running service if there is one)");
+    app.add_flag("--status-line", statusLine, "Print one line for a status bar (tmux, polybar) and exit");
+    app.add_option("--format", format, "With --watch or --status-line: json, waybar, plain or tmux")
+        ->check(CLI::IsMember({"json", "waybar", "plain", "tmux"}))
+        ->option_text("json|waybar|plain|tmux");
+    app.add_flag("--jump-next", jumpNext, "Bring the session that most needs you to the front");
     std::string launchAtLogin;
     app.add_option("--launch-at-login", launchAtLogin, "Start Lumora when you log in (on) or not (off)")
         ->check(CLI::IsMember({"on", "off"}))
@@ -85,6 +95,15 @@ int run(int argc, char** argv) {
     Log::toStderr();
     if (json && !scan && !spend) {
         std::cerr << "lumora: --json goes with --scan or --spend\n";
+        return 2;
+    }
+
+    if (!format.empty() && !watch && !statusLine) {
+        std::cerr << "lumora: --format goes with --watch or --status-line\n";
+        return 2;
+    }
+    if (watch && statusLine) {
+        std::cerr << "lumora: --watch and --status-line do not go together\n";
         return 2;
     }
 
@@ -107,6 +126,10 @@ int run(int argc, char** argv) {
     if (pricingRefresh) return SpendCommand::refreshPricing(std::cout);
     if (spend) return SpendCommand::report(json, std::cout, std::cerr);
     if (scan) return RunCommands::scan(json);
+    if (watch) return FaceCommands::watch(FaceCommands::formatNamed(format.empty() ? "json" : format).value());
+    if (statusLine)
+        return FaceCommands::statusLine(FaceCommands::formatNamed(format.empty() ? "plain" : format).value(), std::cout);
+    if (jumpNext) return FaceCommands::jumpNext(std::cout, std::cerr);
     HooksCommand::refreshAtStart();
     if (noUI) return RunCommands::headless();
     return RunCommands::interactive(desktop    ? RunCommands::Face::desktop

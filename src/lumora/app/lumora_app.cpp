@@ -149,7 +149,10 @@ LumoraApp::LumoraApp()
         RunLoop::main());
     plans_->setOnChange([this] {
         if (onPublish_) onPublish_();
+        changed();
     });
+    usage_->setOnPublish([this] { changed(); });
+    spend_->setOnUpdate([this] { changed(); });
 
     settings_.setListener([this](const std::string&) { applySettings(); });
     applySettings();
@@ -164,7 +167,7 @@ void LumoraApp::published() {
     std::set<std::tuple<HarnessProvider, std::string, uint64_t>> rows;
     for (const auto& a : monitor_->instances()) {
         // Without a view no row shows buttons; only a notification can.
-        if (gatingWanted_ && a.approval && a.approval->approvable && a.approval->gateId != 0)
+        if (facesShowButtons() && a.approval && a.approval->approvable && a.approval->gateId != 0)
             rows.emplace(a.provider, a.id, a.approval->gateId);
     }
     {
@@ -177,6 +180,25 @@ void LumoraApp::published() {
     for (const auto& a : monitor_->instances()) shown.push_back({a.provider, a.id});
     plans_->registerSessions(shown);
     if (onPublish_) onPublish_();
+    changed();
+}
+
+void LumoraApp::changed() {
+    if (onViewChange_) onViewChange_();
+    for (const auto& listener : listeners_) listener();
+}
+
+void LumoraApp::setAnsweringFaces(int count) {
+    bool had = facesShowButtons();
+    answeringFaces_ = std::max(0, count);
+    if (had == facesShowButtons()) return;
+    applySettings();
+    published();
+    if (facesShowButtons() || !started_) return;
+    // The last face that could answer went: what only it showed goes back.
+    auto snapshot = bridge_->snapshot(std::chrono::system_clock::now());
+    for (const auto& [sessionId, gate] : snapshot.gates)
+        if (!notifications_->holds(sessionId, gate.id)) bridge_->handBack(sessionId, gate.id);
 }
 
 bool LumoraApp::canShow(HarnessProvider provider, const std::string& sessionId, uint64_t gateId) const {
@@ -186,7 +208,7 @@ bool LumoraApp::canShow(HarnessProvider provider, const std::string& sessionId, 
 }
 
 bool LumoraApp::viewShows(const std::string& sessionId, uint64_t gateId) const {
-    if (!gatingWanted_) return false;  // no view runs
+    if (!facesShowButtons()) return false;  // no view runs
     std::lock_guard lock(showableMutex_);
     for (const auto& [provider, id, gate] : showable_)
         if (id == sessionId && gate == gateId) return true;
@@ -205,7 +227,7 @@ void LumoraApp::applySettings() {
     desktop_->setCoworkEnabled(settings_.coworkEnabled());
     notifications_->setSettings({settings_.notificationsEnabled(), settings_.notifyOnDone()});
     // A notification with Approve and Deny is a face that can answer too.
-    bridge_->setGating((gatingWanted_ || notifications_->canAnswer()) && settings_.approveRuns());
+    bridge_->setGating((facesShowButtons() || notifications_->canAnswer()) && settings_.approveRuns());
     plans_->setEnabled(settings_.taskPlanEnabled());
     configureNamer();
 }
@@ -254,6 +276,17 @@ Status LumoraApp::start(bool gatingWanted) {
     return status;
 }
 
+void LumoraApp::startReadOnly() {
+    readOnly_ = true;
+    readRunningHookState();
+    applySettings();
+    monitor_->start();
+    usage_->start();
+    spend_->start();
+    plans_->start();
+    started_ = true;
+}
+
 void LumoraApp::suspend() {
     if (!started_) return;
     bridge_->stop();
@@ -269,7 +302,7 @@ Status LumoraApp::resume() {
 }
 
 std::optional<std::string> LumoraApp::hooksProblem() const {
-    if (!started_) return std::nullopt;
+    if (!started_ || readOnly_) return std::nullopt;
     Status listening = bridge_->listening();
     if (listening.ok) return std::nullopt;
     return "Hooks not listening: " + listening.why;
@@ -280,6 +313,13 @@ void LumoraApp::readRunningHookState() { bridge_->readRunningState(); }
 void LumoraApp::stop() {
     if (!started_) return;
     started_ = false;
+    if (readOnly_) {
+        spend_->stop();
+        plans_->stop();
+        monitor_->stop();
+        usage_->stop();
+        return;
+    }
     settings_.stopWatching();
     // Nobody is left to answer: every held prompt goes back to the agent.
     bridge_->setGating(false);
@@ -328,6 +368,17 @@ std::set<std::string> AppBackend::acknowledgedAttention() const { return app_.mo
 std::optional<PeekEvent> AppBackend::peekEvent() const { return app_.monitor().peekEvent(); }
 
 std::vector<ApprovalChoice> AppBackend::approvalChoices(const ApprovalRequest& request) const {
+    return approvalChoicesFor(request);
+}
+
+std::optional<std::string> confirmationFor(const ApprovalRequest& request, ApprovalChoice::Kind kind) {
+    if (!request.approvalScope()) return std::nullopt;
+    if (kind == ApprovalChoice::Kind::allowSession) return std::string(ApprovalLabels::approvedThisSession);
+    if (kind == ApprovalChoice::Kind::allowAlways) return std::string(ApprovalLabels::approvedAlways);
+    return std::nullopt;
+}
+
+std::vector<ApprovalChoice> approvalChoicesFor(const ApprovalRequest& request) {
     if (!request.approvable) return {};
     std::vector<ApprovalChoice> choices = {{ApprovalChoice::Kind::approve, ApprovalLabels::approve},
                                            {ApprovalChoice::Kind::deny, ApprovalLabels::deny}};
@@ -360,11 +411,7 @@ std::optional<SpendSummary> AppBackend::spendSummary() const { return app_.spend
 
 TaskPlans AppBackend::taskPlans() const { return app_.plans().plans(); }
 
-void AppBackend::setOnChange(std::function<void()> onChange) {
-    app_.usage().setOnPublish(onChange);
-    app_.spend().setOnUpdate(onChange);
-    app_.setOnPublish(std::move(onChange));
-}
+void AppBackend::setOnChange(std::function<void()> onChange) { app_.setOnViewChange(std::move(onChange)); }
 
 void AppBackend::jump(const AgentInstance& session, JumpDone done) { app_.jump(session, std::move(done)); }
 

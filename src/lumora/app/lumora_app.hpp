@@ -57,8 +57,25 @@ public:
     // read without serving.
     void readRunningHookState();
 
-    // Called after every publish of the monitor (on the main loop).
+    // Called after every publish of the monitor and every change of the task
+    // plans (on the main loop).
     void setOnPublish(std::function<void()> onPublish) { onPublish_ = std::move(onPublish); }
+    // Called (on the main loop) after anything a face shows may have changed:
+    // a publish, the plans, the quota readings, the spend figures. Listeners
+    // stay for the app's life.
+    void addChangeListener(std::function<void()> listener) { listeners_.push_back(std::move(listener)); }
+    // The view of this process (the terminal view or the pill), one slot.
+    void setOnViewChange(std::function<void()> onChange) { onViewChange_ = std::move(onChange); }
+
+    // How many attached faces can answer prompts (they show rows with
+    // buttons). While one is attached, prompts are held as for a view of our
+    // own; when the last goes, the prompts only it could show go back to their agents.
+    void setAnsweringFaces(int count);
+    int answeringFaces() const { return answeringFaces_; }
+
+    // Like start(), for a face that only reads (`--watch` with no service):
+    // the monitor, usage, spend and plans, but no socket and no notifications.
+    void startReadOnly();
 
     ClaudeMonitor& monitor() { return *monitor_; }
     SessionNotifications& notifications() { return *notifications_; }
@@ -88,6 +105,10 @@ private:
     bool viewShows(const std::string& sessionId, uint64_t gateId) const;
     // Hands the naming settings to the session namer when they changed.
     void configureNamer();
+    // A face shows rows with buttons: a view of this process or an attached one.
+    bool facesShowButtons() const { return gatingWanted_ || answeringFaces_ > 0; }
+    // Tells the view and the listeners.
+    void changed();
 
     DefaultsStore& defaults_;
     SettingsStore& settings_;
@@ -108,6 +129,10 @@ private:
     bool gatingWanted_ = false;
     bool started_ = false;
     std::function<void()> onPublish_;
+    std::function<void()> onViewChange_;
+    std::vector<std::function<void()>> listeners_;
+    int answeringFaces_ = 0;
+    bool readOnly_ = false;
     // (agent, session id, gate id) of every published row with buttons; read by the bridge's thread.
     mutable std::mutex showableMutex_;
     std::set<std::tuple<HarnessProvider, std::string, uint64_t>> showable_;
@@ -120,6 +145,13 @@ scrivet::SessionNamer::Transport namingTransport();
 
 // The settings a view draws with, as the user set them.
 ui::ViewSettings viewSettings(const SettingsStore& store);
+
+// The buttons a prompt offers: none for a display-only one; Approve and
+// Deny; and the wider scopes its command allows.
+std::vector<ApprovalChoice> approvalChoicesFor(const ApprovalRequest& request);
+// The row's confirmation after `kind` on `request` ("Approved · this
+// session", "Approved · won't ask again"), as decide() gives it.
+std::optional<std::string> confirmationFor(const ApprovalRequest& request, ApprovalChoice::Kind kind);
 
 // The front ends' view of a running app: the monitor's published list and
 // the approval decisions on the bridge and the rules.

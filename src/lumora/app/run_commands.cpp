@@ -9,13 +9,19 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
+#include <atomic>
 #include <sstream>
 #include <thread>
 
 #include "lumora/base/json_text.hpp"
 #include "lumora/base/log.hpp"
+#include <spdlog/spdlog.h>
+#include "lumora/app/attached_backend.hpp"
 #include "lumora/app/desktop_wiring.hpp"
+#include "lumora/app/front_service.hpp"
 #include "lumora/app/lumora_app.hpp"
+#include "lumora/hooks/front_connection.hpp"
+#include "lumora/hooks/front_socket_server.hpp"
 #include "lumora/hooks/hook_client.hpp"
 #include "lumora/app/usage_command.hpp"
 #include "lumora/platform/paths.hpp"
@@ -70,9 +76,12 @@ void exitAfter(std::chrono::milliseconds after, int code) {
     }).detach();
 }
 
-// Blocks the stop signals in every thread made from here on; one thread waits
-// for them and stops the main loop. The stop gets kStopDeadline; a second
-// signal, or the deadline, ends the process at once.
+std::atomic<bool> gStopRequested{false};
+
+}  // namespace
+
+bool stopRequested() { return gStopRequested.load(); }
+
 void stopOnSignals() {
     sigset_t set;
     sigemptyset(&set);
@@ -83,6 +92,7 @@ void stopOnSignals() {
     std::thread([set] {
         int sig = 0;
         sigwait(&set, &sig);
+        gStopRequested = true;
         RunLoop::main().stop();
         auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(kStopDeadline).count();
         timespec wait{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
@@ -91,6 +101,8 @@ void stopOnSignals() {
         std::_Exit(128 + sig);
     }).detach();
 }
+
+namespace {
 
 // What we print is text, whatever bytes a folder or branch name holds.
 void printLine(const std::string& line) { std::cout << scrivet::validUtf8(line) << std::endl; }
@@ -143,7 +155,7 @@ Json toJson(const AgentInstance& a) {
     if (a.approval) {
         j["approval"] = {{"toolName", a.approval->toolName}, {"detail", opt(a.approval->detail)},
                          {"approvable", a.approval->approvable}, {"reason", opt(a.approval->reason)},
-                         {"escalated", a.approval->escalated}};
+                         {"escalated", a.approval->escalated}, {"gateId", a.approval->gateId}};
     } else {
         j["approval"] = nullptr;
     }
@@ -251,7 +263,7 @@ int headless() {
         }
     });
     long long lastUsageToken = 0;
-    app.usage().setOnPublish([&] {
+    app.addChangeListener([&] {
         if (const auto& alert = app.usage().alert(); alert && alert->token != lastUsageToken) {
             lastUsageToken = alert->token;
             std::cout << timestamp(std::chrono::system_clock::now()) << "  usage " << scrivet::displayName(alert->provider)
@@ -261,7 +273,11 @@ int headless() {
     // No view answers prompts here: the agents show their own, unless a
     // desktop notification with Approve and Deny holds one for the user.
     if (!app.start(false)) std::cout << timestamp(std::chrono::system_clock::now()) << "  " << *app.hooksProblem() << std::endl;
+    // Faces attach here: a terminal view, --watch, a status bar.
+    FrontService faces(app, Paths::socketPath());
+    if (app.bridge().listening().ok) faces.start();
     RunLoop::main().run();
+    faces.stop();
     app.stop();
     return 0;
 }
@@ -284,15 +300,120 @@ int desktop() {
     AppBackend backend(app);
     // A socket it cannot serve shows in the panel's footer ("Hooks not listening: ...").
     app.start(true);
+    FrontService faces(app, Paths::socketPath());
+    if (app.bridge().listening().ok) faces.start();
     auto options = ui::DesktopViewOptions(desktopOptions(app.settings()));
     options.onQuit = [&] {
         exitAfter(kStopDeadline, 0);  // stopping may not hang
+        faces.stop();
         app.stop();
     };
     int code = ui::runDesktopView(backend, options);
+    faces.stop();
     app.stop();
     return code;
 }
+
+}  // namespace
+
+namespace {
+
+// The terminal view's backend and what stands behind it: attached to the
+// running service, or the service itself. When the service it is attached to
+// goes away, it becomes the service (the hook socket is free) or attaches
+// to the one that did.
+class TerminalFace {
+public:
+    ~TerminalFace() { stop(); }
+
+    ViewBackend& view() { return view_; }
+
+    // Attaches to the running service; false when none answers.
+    bool attach(std::chrono::milliseconds timeout = std::chrono::milliseconds(500)) {
+        auto connection = FrontConnection::connect(FrontSocketServer::pathBeside(Paths::socketPath()), timeout);
+        if (!connection) return false;
+        auto first = connection->readLine(std::chrono::seconds(2));
+        auto state = first ? FrontProtocol::decodeState(*first) : std::nullopt;
+        if (!state) return false;
+        attached_ = std::make_unique<AttachedBackend>(std::move(connection), std::move(*state), RunLoop::main());
+        attached_->start([this] { RunLoop::main().post([this] { serviceLost(); }); });
+        attached_->setAnswers(!suspended_);
+        spdlog::info("attached to the Lumora service (pid {})", attached_->servicePid());
+        view_.use(attached_.get());
+        return true;
+    }
+
+    // Becomes the service: the monitor, the hook socket and the face socket.
+    Status serve() {
+        app_ = std::make_unique<LumoraApp>();
+        backend_ = std::make_unique<AppBackend>(*app_);
+        // A socket it cannot serve shows in the view's status line ("Hooks not listening: ...").
+        Status status = app_->start(true);
+        faces_ = std::make_unique<FrontService>(*app_, Paths::socketPath());
+        if (status) faces_->start();
+        view_.use(backend_.get());
+        return status;
+    }
+
+    void suspend() {
+        suspended_ = true;
+        if (attached_) attached_->setAnswers(false);
+        if (app_) {
+            faces_->stop();
+            app_->suspend();
+        }
+    }
+    void resume() {
+        suspended_ = false;
+        if (attached_) attached_->setAnswers(true);
+        if (app_ && app_->resume()) faces_->start();
+    }
+
+    void stop() {
+        if (faces_) faces_->stop();
+        if (app_) app_->stop();
+        if (attached_) attached_->close();
+    }
+
+private:
+    void serviceLost() {
+        if (!attached_ || attached_->connected()) return;
+        view_.use(nullptr);
+        // Gone after this turn: its reader has ended, and nothing of it runs now.
+        auto old = std::shared_ptr<AttachedBackend>(std::move(attached_));
+        RunLoop::main().post([old] {});
+        for (int attempt = 0; attempt < 30; ++attempt) {
+            if (HookClient::who(Paths::socketPath(), std::chrono::milliseconds(200)).kind !=
+                HookClient::Who::Kind::lumora) {
+                if (serve()) {
+                    view_.tell("The Lumora service stopped: this view is the service now");
+                    return;
+                }
+                // Another view took over first: attach to it.
+                faces_.reset();
+                view_.use(nullptr);
+                backend_.reset();
+                app_->stop();
+                app_.reset();
+            }
+            if (attach(std::chrono::milliseconds(200))) {
+                view_.tell("The Lumora service restarted (pid " + std::to_string(attached_->servicePid()) + ")");
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        // Nobody serves and we could not: show that much, as a view that cannot listen does.
+        serve();
+        view_.tell("The Lumora service stopped");
+    }
+
+    SwitchingBackend view_;
+    std::unique_ptr<AttachedBackend> attached_;
+    std::unique_ptr<LumoraApp> app_;
+    std::unique_ptr<AppBackend> backend_;
+    std::unique_ptr<FrontService> faces_;
+    bool suspended_ = false;
+};
 
 }  // namespace
 
@@ -306,23 +427,24 @@ int interactive(Face face) {
         if (ui::desktopBuilt() && ui::displayAvailable()) return desktop();
         return headless();
     }
-    if (anotherInstanceRuns()) return 1;
     Paths::ensureSupportFolder();
     Log::toFile(Paths::logFile());
-    LumoraApp app;
-    AppBackend backend(app);
-    // A socket it cannot serve shows in the view's status line ("Hooks not listening: ...").
-    app.start(true);
+    TerminalFace face;
+    // A service runs: this view is one more face of it. Else it is the service.
+    if (!face.attach()) {
+        if (anotherInstanceRuns()) return 1;
+        face.serve();
+    }
     ui::TerminalViewOptions options;
     options.onQuit = [&] {
         exitAfter(ui::quitBySignal() ? kStopDeadline : kQuitDeadline, 0);  // stopping may not hang
-        app.stop();
+        face.stop();
     };
-    options.onSuspend = [&] { app.suspend(); };
-    options.onResume = [&] { app.resume(); };
-    options.settings = [&app] { return viewSettings(app.settings()); };
-    int code = ui::runTerminalView(backend, options);
-    app.stop();
+    options.onSuspend = [&] { face.suspend(); };
+    options.onResume = [&] { face.resume(); };
+    options.settings = [] { return viewSettings(SettingsStore::shared()); };
+    int code = ui::runTerminalView(face.view(), options);
+    face.stop();
     return code;
 }
 

@@ -17,6 +17,13 @@ int scan(bool json);
 // prompt goes back to the agent at once unless a desktop notification can
 // answer it. Prints one line per status change and peek event until interrupted.
 int headless();
+// Blocks the stop signals (SIGINT, SIGTERM, SIGHUP) in every thread made
+// from here on; one thread waits for them, sets stopRequested() and stops the
+// main loop. The stop gets 1.5 s; a second signal, or the deadline, ends the
+// process at once.
+void stopOnSignals();
+bool stopRequested();
+
 // Which face `lumora` shows.
 enum class Face {
     automatic,  // the terminal view in a terminal, else the pill when there is a display, else headless

@@ -1,5 +1,7 @@
 #include "lumora/hooks/hook_bridge.hpp"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <spdlog/spdlog.h>
@@ -331,6 +333,25 @@ bool HookBridge::readRunningState(std::chrono::milliseconds timeout) {
 // ---------------------------------------------------------------------------------------------
 // Serving
 
+bool HookBridge::takeServiceLock() {
+    if (lockFd_ >= 0) return true;
+    std::string path = socketPath_.string() + ".lock";
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) return true;  // no lock to be had: the socket check alone decides, as it always did
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        ::close(fd);
+        return false;
+    }
+    lockFd_ = fd;
+    return true;
+}
+
+void HookBridge::releaseServiceLock() {
+    if (lockFd_ < 0) return;
+    ::close(lockFd_);  // releases the lock; the file stays for the next one
+    lockFd_ = -1;
+}
+
 Status HookBridge::start() {
     if (server_.running()) return Status::success();
     std::error_code ec;
@@ -341,9 +362,15 @@ Status HookBridge::start() {
     }
     // Only a private folder is trusted to say who serves it.
     Status status = HookSocketServer::checkFolder(socketPath_);
+    // Two Lumoras starting at once (attached views whose service went away)
+    // must not both find the socket free: the one holding the lock file
+    // beside it serves it. The lock goes with the process, however it ends.
+    bool locked = status && takeServiceLock();
     // One instance owns the socket: a live one is never unlinked from under it.
     auto who = status ? HookClient::who(socketPath_) : HookClient::Who{};
-    if (who.kind == HookClient::Who::Kind::lumora) {
+    if (status && !locked && who.kind != HookClient::Who::Kind::lumora) {
+        status = Status::failure("another Lumora is starting on " + socketPath_.string());
+    } else if (who.kind == HookClient::Who::Kind::lumora) {
         status = Status::failure("Lumora is already running (pid " + std::to_string(who.pid) + ")");
     } else if (who.kind == HookClient::Who::Kind::other) {
         status = Status::failure("another program serves " + socketPath_.string());
@@ -364,6 +391,7 @@ Status HookBridge::start() {
         if (!saveQueue_) saveQueue_ = std::make_unique<SerialQueue>(std::string(queueLabel) + ".save");
         status = server_.start();
     }
+    if (!status) releaseServiceLock();
     {
         std::lock_guard lock(mutex_);
         listening_ = status;
@@ -384,6 +412,7 @@ void HookBridge::stop() {
     server_.stop();  // writes those answers on its way out
     saveQueue_.reset();  // runs what is queued, then joins
     persistNow();
+    releaseServiceLock();
     spdlog::info("hook bridge: stopped");
 }
 

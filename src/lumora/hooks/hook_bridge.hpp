@@ -156,6 +156,9 @@ private:
     void runEffects(bool onLoop);
     void ruleAnswered(uint64_t gateId, bool matched);
     void saveIfDue();
+    // The lock file beside the socket ("<socket>.lock"): false when another process holds it.
+    bool takeServiceLock();
+    void releaseServiceLock();
     void afterChangeOffThread();
 
     const std::filesystem::path socketPath_;
@@ -169,6 +172,7 @@ private:
     std::function<void()> onEvent_;
     Status listening_ = Status::failure("not started");
     bool restored_ = false;
+    int lockFd_ = -1;  // the service lock while serving
 
     // The socket thread's own.
     std::chrono::steady_clock::time_point lastSave_{};

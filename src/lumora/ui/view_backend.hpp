@@ -23,6 +23,14 @@ struct ApprovalChoice {
     bool operator==(const ApprovalChoice&) const = default;
 };
 
+// A line of news from the backend itself rather than from a session (an
+// attached view's service went away); the token tells a new one from an old one.
+struct BackendNews {
+    long long token = 0;
+    std::string text;
+    bool operator==(const BackendNews&) const = default;
+};
+
 // What a front end (the terminal view, later the notch) reads and does. The
 // app implements it over the monitor, the hook bridge and the approval
 // rules; tests and the demonstration mode implement it with scripted data.
@@ -51,6 +59,9 @@ public:
     // A standing problem the status line shows while there is no other news
     // ("Hooks not listening: <why>"), if any.
     virtual std::optional<std::string> hooksProblem() const { return std::nullopt; }
+
+    // The latest news of the backend itself, if any; the view shows it on its news line.
+    virtual std::optional<BackendNews> news() const { return std::nullopt; }
 
     // The plan-usage readings for the quota strip, in provider order; empty
     // while plan usage is off or nothing has been read yet.

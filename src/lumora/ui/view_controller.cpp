@@ -61,6 +61,10 @@ void ViewController::refresh() {
         if (model_.settings.soundEnabled) bell_ = true;
     }
     lastUsageToken_ = usageToken;
+    if (auto news = backend_.news(); news && news->token != lastNewsToken_) {
+        lastNewsToken_ = news->token;
+        note(news->text, AgentStatus::waiting);
+    }
     ViewNav::reconcile(state_, ViewNav::rows(model_, state_));
 }
 

@@ -67,6 +67,7 @@ private:
     ViewState state_;
     long long lastPeekToken_ = -1;
     long long lastUsageToken_ = -1;
+    long long lastNewsToken_ = 0;
     bool bell_ = false;
     int pageRows_ = 8;
     std::optional<ShownCommand> selectedCommand_;  // the selected row's command as the last frame drew it
