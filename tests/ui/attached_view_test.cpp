@@ -1,0 +1,196 @@
+// One service, many faces, for real: `lumora --no-ui` serving a live Claude
+// Code session, terminal views in tmux attached to it, the real hook program
+// held on a prompt, `--watch` and `--status-line` reading the service, and
+// the service killed under its views.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+
+#include "hooks/socket_client.hpp"
+#include "lumora/hooks/front_connection.hpp"
+#include "lumora/hooks/front_socket_server.hpp"
+#include "lumora/hooks/hook_client.hpp"
+#include "ui/claude_session.hpp"
+#include "ui/tmux.hpp"
+
+using namespace lumora;
+using namespace lumora::test;
+
+namespace {
+
+// `lumora --no-ui` for the App's home, until killed.
+std::unique_ptr<ChildProcess> startService(const App& app) {
+    auto service = std::make_unique<ChildProcess>(
+        lumoraBinary(), std::vector<std::string>{lumoraBinary().string(), "--no-ui"}, app.home.path(),
+        std::map<std::string, std::string>{{"HOME", app.home.path().string()},
+                                           {"XDG_CONFIG_HOME", (app.home / ".config").string()},
+                                           {"XDG_DATA_HOME", (app.home / ".local/share").string()},
+                                           {"LUMORA_SOCKET", app.socket.string()}});
+    EXPECT_TRUE(eventually([&] { return HookClient::who(app.socket).pid == service->pid(); }, 20s));
+    EXPECT_TRUE(eventually([&] { return fs::exists(FrontSocketServer::pathBeside(app.socket)); }));
+    return service;
+}
+
+// The held gate's connection, as a hook program holds it: every byte the service sends until it closes.
+std::string gateAnswer(const App& app, const std::function<void()>& whileHeld) {
+    SocketClient hook(app.socket);
+    EXPECT_TRUE(hook.connected());
+    hook.send(R"({"v":1,"source":"claude","session_id":")" + kSession +
+              R"(","action":"gate","tool_name":"Bash","detail":"npm test"})" "\n");
+    whileHeld();
+    return hook.readUntilClosed(20s).value_or("(no answer)");
+}
+
+}  // namespace
+
+TEST(AttachedView, AViewAttachedToTheServiceAnswersItsPromptAndTakesOverWhenItDies) {
+    App app;
+    auto service = startService(app);
+    std::string watchOut = (app.home / "watch.jsonl").string();
+    auto watch = std::make_unique<ChildProcess>(
+        "/bin/sh", std::vector<std::string>{"sh", "-c", app.env + "exec " + lumoraBinary().string() + " --watch > " + watchOut},
+        app.home.path());
+
+    Tmux tmux(100, 30, app.env + lumoraBinary().string());
+    tmux.waitFor("webshop");
+    // Attached, not serving: the hook socket is still the service's.
+    EXPECT_EQ(HookClient::who(app.socket).pid, service->pid());
+
+    // The real hook program, held: the attached view shows it, `a` answers it.
+    auto held = app.permission("npm test");
+    tmux.waitFor("[a] Approve");
+    tmux.keys("a");
+    EXPECT_EQ(behaviorOf(held), "allow");
+
+    // --watch printed the state at once and follows its changes within a second.
+    auto watchLines = [&] {
+        std::ifstream in(watchOut);
+        std::vector<Json> lines;
+        for (std::string l; std::getline(in, l);) lines.push_back(Json::parse(l, nullptr, false));
+        return lines;
+    };
+    ASSERT_TRUE(eventually([&] { return !watchLines().empty(); }));
+    auto first = watchLines().front();
+    EXPECT_EQ(first["v"], 1);
+    ASSERT_TRUE(first["sessions"].is_array());
+    EXPECT_TRUE(first.contains("usage"));
+    EXPECT_TRUE(first.contains("spend"));
+    auto statusInWatch = [&] {
+        auto lines = watchLines();
+        if (lines.empty() || !lines.back()["sessions"].is_array()) return std::string();
+        for (const auto& s : lines.back()["sessions"])
+            if (s["id"] == kSession) return s["status"].get<std::string>();
+        return std::string();
+    };
+    SocketClient marker(app.socket);
+    auto asked = std::chrono::steady_clock::now();
+    marker.send(R"({"v":1,"source":"claude","session_id":")" + kSession +
+                R"(","action":"marker","kind":"question","tool_name":"AskUserQuestion","detail":"Which database?"})" "\n");
+    ASSERT_TRUE(eventually([&] { return statusInWatch() == "attention"; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, 1s) << "the status change reached --watch late";
+    marker.send(R"({"v":1,"source":"claude","session_id":")" + kSession + R"(","action":"clear"})" "\n");
+
+    // The service dies: the view says so and becomes the service.
+    ::kill(service->pid(), SIGKILL);
+    tmux.waitFor("this view is the service now");
+    ASSERT_TRUE(eventually([&] {
+        auto who = HookClient::who(app.socket);
+        return who.kind == HookClient::Who::Kind::lumora && who.pid != service->pid();
+    }));
+    auto next = app.permission("npm test");
+    tmux.waitFor("[a] Approve");
+    tmux.keys("a");
+    EXPECT_EQ(behaviorOf(next), "allow");
+    // --watch follows the new service.
+    size_t before = watchLines().size();
+    marker.send(R"({"v":1,"source":"claude","session_id":")" + kSession +
+                R"(","action":"marker","kind":"question","tool_name":"AskUserQuestion","detail":"Which?"})" "\n");
+    SocketClient again(app.socket);
+    again.send(R"({"v":1,"source":"claude","session_id":")" + kSession +
+               R"(","action":"marker","kind":"question","tool_name":"AskUserQuestion","detail":"Which?"})" "\n");
+    EXPECT_TRUE(eventually([&] { return watchLines().size() > before && statusInWatch() == "attention"; }, 20s));
+    tmux.keys("q");
+    tmux.waitFor("exit status 0");
+}
+
+TEST(AttachedView, TwoViewsAnsweringOnePromptGiveTheAgentOneAnswer) {
+    App app;
+    auto service = startService(app);
+    Tmux left(100, 30, app.env + lumoraBinary().string());
+    Tmux right(100, 30, app.env + lumoraBinary().string());
+    left.waitFor("webshop");
+    right.waitFor("webshop");
+    std::string answer = gateAnswer(app, [&] {
+        left.waitFor("[a] Approve");
+        right.waitFor("[a] Approve");
+        std::thread a([&] { left.keys("a"); });
+        std::thread d([&] { right.keys("d"); });
+        a.join();
+        d.join();
+    });
+    EXPECT_TRUE(answer == "{\"v\":1,\"behavior\":\"allow\"}\n" || answer == "{\"v\":1,\"behavior\":\"deny\"}\n") << answer;
+    // Both views see it answered.
+    left.waitForGone("[a] Approve");
+    right.waitForGone("[a] Approve");
+
+    // A view that quits takes its hold with it; with none left, prompts go straight back.
+    left.keys("q");
+    right.keys("q");
+    left.waitFor("exit status 0");
+    right.waitFor("exit status 0");
+    EXPECT_EQ(gateAnswer(app, [] {}), "{\"v\":1,\"behavior\":\"passthrough\"}\n");
+}
+
+TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
+    App app;
+    auto service = startService(app);
+    auto faces = FrontSocketServer::pathBeside(app.socket);
+
+    SocketClient garbage(faces), sleeper(faces), flooder(faces);
+    garbage.send(std::string("\x01\xff{{{not json\n") + R"({"v":1,"action":"decide","session":"x"})" "\n");
+    std::string flood;
+    for (int i = 0; i < 5000; ++i)
+        flood += R"({"v":1,"action":"decide","session":"nobody-)" + std::to_string(i) +
+                 R"(","gate":7,"choice":"approve"})" "\n";
+    std::thread floodThread([&] { flooder.send(flood); });
+
+    // A decision for a prompt already answered changes nothing: the next one still waits for its own.
+    auto face = FrontConnection::connect(faces);
+    ASSERT_TRUE(face);
+    ASSERT_TRUE(face->send(R"({"v":1,"action":"face","answers":true})" "\n"));
+    std::string answer = gateAnswer(app, [&] {
+        uint64_t gate = 0;
+        ASSERT_TRUE(eventually([&] {
+            while (auto line = face->readLine(100ms)) {
+                auto state = Json::parse(*line, nullptr, false);
+                for (const auto& s : state["sessions"])
+                    if (s["id"] == kSession && s["approval"].is_object() && s["approval"]["approvable"] == true)
+                        gate = s["approval"]["gateId"].get<uint64_t>();
+            }
+            return gate != 0;
+        }));
+        std::string decide = R"({"v":1,"action":"decide","session":")" + kSession + R"(","gate":)" +
+                             std::to_string(gate) + R"(,"choice":"deny"})" "\n";
+        face->send(decide);
+        face->send(decide);
+    });
+    EXPECT_EQ(answer, "{\"v\":1,\"behavior\":\"deny\"}\n");
+    floodThread.join();
+
+    // The status line asks the service, alone and inside tmux's status line.
+    auto direct = runCommand(app.env + lumoraBinary().string() + " --status-line --format tmux");
+    EXPECT_EQ(direct.status, 0);
+    EXPECT_NE(direct.output.find("#[fg=#"), std::string::npos) << direct.output;
+    Tmux tmux(100, 10, "sleep 60");
+    tmux.run("set -g status-interval 1");
+    tmux.run("set -g status-right " + shellQuoted("[#(" + app.env + lumoraBinary().string() + " --status-line)]"));
+    std::string plain = runCommand(app.env + lumoraBinary().string() + " --status-line").output;
+    plain.pop_back();
+    EXPECT_FALSE(plain.empty());
+    EXPECT_TRUE(eventually([&] {
+        auto shown = tmux.run("display-message -p -t view " + shellQuoted("#{E:status-right}")).output;
+        return shown.find("[" + plain + "]") != std::string::npos;
+    }, 20s)) << tmux.run("display-message -p -t view " + shellQuoted("#{E:status-right}")).output;
+    EXPECT_EQ(HookClient::who(app.socket).pid, service->pid());
+}
