@@ -28,7 +28,6 @@ std::string_view trim(std::string_view s) {
 
 bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
 
-std::string oneLine(std::string_view text, size_t maxChars) { return truncateText(collapseWhitespace(text), maxChars); }
 
 std::optional<element> message(const JournalEntry& e) {
     auto m = e.field("message");

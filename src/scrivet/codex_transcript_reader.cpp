@@ -45,7 +45,6 @@ constexpr size_t kTailLines = 600;
 constexpr size_t kHeadBytes = 256 * 1024;
 constexpr size_t kHeadLines = 200;
 constexpr size_t kFirstLineMax = 4 * 1024 * 1024;
-constexpr size_t kLookedAt = 64 * 1024;
 constexpr size_t kPromptChars = 2000;
 constexpr size_t kSummaryChars = 160;
 constexpr size_t kActivityChars = 100;
@@ -62,9 +61,6 @@ std::string_view trim(std::string_view s) {
 
 // A line of at most `maxChars` characters; only the text's beginning is looked
 // at, so a prompt of megabytes costs no more than a short one.
-std::string oneLine(std::string_view text, size_t maxChars) {
-    return truncateText(collapseWhitespace(text.substr(0, kLookedAt)), maxChars);
-}
 
 std::optional<element> payload(const JournalEntry& e) {
     auto p = e.field("payload");

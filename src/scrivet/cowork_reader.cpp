@@ -38,7 +38,7 @@ std::optional<Date> stampOf(const JournalEntry& e) {
     return std::nullopt;
 }
 
-std::string oneLine(std::string_view text) { return truncateText(collapseWhitespace(text), kLineChars); }
+std::string oneLine(std::string_view text) { return scrivet::oneLine(text, kLineChars); }
 
 void addActivity(Folded& f, ActivityLine::Kind kind, std::string text) {
     if (text.empty()) return;

@@ -19,7 +19,6 @@ using simdjson::dom::element;
 
 constexpr size_t kTailLines = 400;
 constexpr size_t kHeadBytes = 256 * 1024;
-constexpr size_t kLookedAt = 64 * 1024;
 constexpr size_t kPromptChars = 2000;
 constexpr size_t kSummaryChars = 160;
 constexpr size_t kActivityChars = 100;
@@ -36,11 +35,6 @@ std::string_view trim(std::string_view s) {
     return s;
 }
 
-// A line of at most `maxChars` characters; only the text's beginning is looked
-// at, so a prompt of megabytes costs no more than a short one.
-std::string oneLine(std::string_view text, size_t maxChars) {
-    return truncateText(collapseWhitespace(text.substr(0, kLookedAt)), maxChars);
-}
 
 Date fromNanos(int64_t nanos) {
     return Date{} + std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(nanos));

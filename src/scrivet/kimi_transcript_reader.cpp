@@ -35,23 +35,6 @@ std::string_view trimmed(std::string_view s) {
     return s;
 }
 
-// One line of at most `maxChars` characters. Only as much of the text as
-// that needs is looked at, so a long tool output costs no more than a short one.
-std::string oneLine(std::string_view text, size_t maxChars) {
-    auto longerThan = [](std::string_view s, size_t n) {
-        size_t chars = 0;
-        for (char c : s) {
-            if ((static_cast<unsigned char>(c) & 0xC0) != 0x80 && ++chars > n) return true;
-        }
-        return false;
-    };
-    for (size_t take = maxChars + 16;; take *= 4) {
-        bool cut = text.size() > take;
-        auto line = collapseWhitespace(cut ? text.substr(0, take) : text);
-        if (!cut || longerThan(line, maxChars)) return truncateText(line, maxChars);
-    }
-}
-
 // A parse kept until its file changes. One lock per cache, never nested.
 template <typename T>
 class StampCache {

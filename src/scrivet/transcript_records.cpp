@@ -108,4 +108,19 @@ std::string truncateText(std::string_view text, size_t maxChars) {
     return std::string(text);
 }
 
+std::string oneLine(std::string_view text, size_t maxChars) {
+    auto longerThan = [](std::string_view s, size_t n) {
+        size_t chars = 0;
+        for (char c : s) {
+            if ((static_cast<unsigned char>(c) & 0xC0) != 0x80 && ++chars > n) return true;
+        }
+        return false;
+    };
+    for (size_t take = maxChars + 16;; take *= 4) {
+        bool cut = text.size() > take;
+        auto line = collapseWhitespace(cut ? text.substr(0, take) : text);
+        if (!cut || longerThan(line, maxChars)) return truncateText(line, maxChars);
+    }
+}
+
 }  // namespace scrivet

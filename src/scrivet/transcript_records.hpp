@@ -109,4 +109,9 @@ std::string collapseWhitespace(std::string_view text);
 // Shortens to at most `maxChars` characters (UTF-8 aware), ending in "…" when cut.
 std::string truncateText(std::string_view text, size_t maxChars);
 
+// Whitespace collapsed, then shortened to `maxChars` characters. Only as much
+// of the text as that needs is looked at, so a tool output of megabytes costs
+// no more than a short one.
+std::string oneLine(std::string_view text, size_t maxChars);
+
 }  // namespace scrivet

@@ -156,7 +156,12 @@ TEST_F(RealBridge, CursorNotesAndKimiMarkers) {
     Json shell = {{"conversation_id", "conv-9"}, {"hook_event_name", "beforeShellExecution"}, {"command", "make deploy"},
                   {"workspace_roots", {"/w/site"}}, {"model", "claude-4.5-sonnet"}};
     EXPECT_EQ(run("notch-cursor-hook.py", "", shell), "");
-    ASSERT_TRUE(eventually([&] { return test::snap(*bridge_).cursorPending.count("conv-9"); }));
+    // The note, the model and the activity come as lines of their own: the
+    // bridge may still be reading the later ones when the program has exited.
+    ASSERT_TRUE(eventually([&] {
+        auto s = test::snap(*bridge_);
+        return s.cursorPending.count("conv-9") && s.cursorModels.count("conv-9") && s.cursorActivity.count("conv-9");
+    }));
     auto note = test::snap(*bridge_).cursorPending.at("conv-9");
     EXPECT_EQ(note.kind, "shell");
     EXPECT_EQ(note.command, "make deploy");

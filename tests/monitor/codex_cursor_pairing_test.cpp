@@ -149,13 +149,13 @@ TEST(CursorPairing, ProcessesConversationsAndNotes) {
 TEST(CursorStatusRules, ConfirmsSoonerAndStopsCountingAStalledTurn) {
     using Facts = StatusRules::TranscriptFacts;
     auto status = [](Facts f) { return CursorStatusRules::initialStatus(f, 30); };
-    EXPECT_EQ(status({true, PendingApproval::edit, false, 2.9}), AgentStatus::working);
-    EXPECT_EQ(status({true, PendingApproval::edit, false, 3}), AgentStatus::attention);
-    EXPECT_EQ(status({true, PendingApproval::run, false, 7.9}), AgentStatus::working);
-    EXPECT_EQ(status({true, PendingApproval::run, false, 8}), AgentStatus::attention);
-    EXPECT_EQ(status({true, PendingApproval::question, false, 0}), AgentStatus::attention);
-    EXPECT_EQ(status({true, std::nullopt, false, 599}), AgentStatus::working);
-    EXPECT_EQ(status({true, std::nullopt, false, 601}), AgentStatus::waiting);
-    EXPECT_EQ(status({false, std::nullopt, true, 10}), AgentStatus::attention);
-    EXPECT_EQ(status({false, std::nullopt, true, 1801}), AgentStatus::idle);
+    EXPECT_EQ(status({true, PendingApproval::edit, false, 2.9, std::nullopt}), AgentStatus::working);
+    EXPECT_EQ(status({true, PendingApproval::edit, false, 3, std::nullopt}), AgentStatus::attention);
+    EXPECT_EQ(status({true, PendingApproval::run, false, 7.9, std::nullopt}), AgentStatus::working);
+    EXPECT_EQ(status({true, PendingApproval::run, false, 8, std::nullopt}), AgentStatus::attention);
+    EXPECT_EQ(status({true, PendingApproval::question, false, 0, std::nullopt}), AgentStatus::attention);
+    EXPECT_EQ(status({true, std::nullopt, false, 599, std::nullopt}), AgentStatus::working);
+    EXPECT_EQ(status({true, std::nullopt, false, 601, std::nullopt}), AgentStatus::waiting);
+    EXPECT_EQ(status({false, std::nullopt, true, 10, std::nullopt}), AgentStatus::attention);
+    EXPECT_EQ(status({false, std::nullopt, true, 1801, std::nullopt}), AgentStatus::idle);
 }

@@ -216,6 +216,16 @@ TEST(DesktopEndToEnd, HoverOpensThePanelAndAClickAnswersTheHook) {
     EXPECT_EQ(behaviorOf(answer), "allow");
     EXPECT_TRUE(eventually([&] { return !desk.shows("approve-" + kSession); }));
 
+    // A click on the row itself brings its session forward: the jump logs the route it took.
+    Box row = desk.widget("row-" + kSession);
+    desk.x.xdotool("mousemove " + std::to_string(row.x + 20) + " " + std::to_string(row.y + 12) + " click 1");
+    EXPECT_TRUE(eventually([&] {
+        for (const auto& e : fs::recursive_directory_iterator(desk.home))
+            if (e.path().filename() == "lumora.log" && readFile(e.path()).find("jump: ") != std::string::npos)
+                return true;
+        return false;
+    })) << "no jump in the log";
+
     // The gear opens the settings window; a switch there is stored at once.
     Box gear = desk.widget("settings-button");
     desk.x.xdotool("mousemove " + std::to_string(gear.cx()) + " " + std::to_string(gear.cy()) + " click 1");

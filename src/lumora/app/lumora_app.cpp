@@ -135,6 +135,10 @@ LumoraApp::LumoraApp()
         applySettings();
         bridge_->rowsChanged();
     };
+    notify.open = [this](const std::string& sessionId) {
+        for (const auto& a : monitor_->instances())
+            if (a.id == sessionId) return jump(a, [](std::vector<std::string>) {});
+    };
     notify.dismissed = [this](const std::string& sessionId, uint64_t gateId) {
         if (viewShows(sessionId, gateId)) return;
         bridge_->handBack(sessionId, gateId);

@@ -9,8 +9,10 @@
 namespace lumora {
 
 RunLoop& RunLoop::main() {
-    static RunLoop loop;
-    return loop;
+    // Never destroyed: a signal thread or a queue's last post may still reach
+    // it while the process exits.
+    static RunLoop* loop = new RunLoop;
+    return *loop;
 }
 
 RunLoop::RunLoop() {

@@ -5,6 +5,7 @@
 
 #include "lumora/monitor/agent_process_finder.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
+#include "lumora/monitor/directory_sessions.hpp"
 #include "lumora/monitor/worktree_resolver.hpp"
 
 namespace lumora {
@@ -214,19 +215,9 @@ std::vector<SessionObservation> CodexSessionSource::observe(const ScanContext& c
     std::map<std::string, std::pair<WorktreeResolver::Resolution, std::optional<std::string>>> repos;
     for (auto& s : threads) {
         SessionObservation o;
-        o.id = s.sessionId;
-        o.provider = HarnessProvider::codex;
         auto proc = processOf.find(s.sessionId);
         if (proc != processOf.end()) {
-            const auto& agent = *proc->second->agent;
-            o.pid = agent.pid;
-            o.cwd = agent.cwd;
-            o.repoName = agent.worktree.repoName;
-            o.isWorktree = agent.worktree.isWorktree;
-            o.worktreeName = agent.worktree.worktreeName;
-            o.gitBranch = agent.gitBranch;
-            o.host = agent.host;
-            o.cpu = agent.cpu;
+            o = DirectorySessions::observation(*proc->second->agent, HarnessProvider::codex, s.sessionId);
         } else {
             o.cwd = s.cwd;
             auto repo = repos.find(s.cwd);
@@ -240,6 +231,8 @@ std::vector<SessionObservation> CodexSessionSource::observe(const ScanContext& c
             o.gitBranch = repo->second.second;
             o.host = AgentHost{AgentHost::Kind::app, "Codex", std::nullopt};
         }
+        o.id = s.sessionId;
+        o.provider = HarnessProvider::codex;
         o.projectName = ClaudeSessionSource::projectName(o.cwd, o.repoName);
         o.backgroundActive = s.info.subagentCount > 0;
         o.info = std::move(s.info);
@@ -255,18 +248,7 @@ std::vector<SessionObservation> CodexSessionSource::observe(const ScanContext& c
     for (const auto& p : processes) {
         if (paired.count(p.agent)) continue;
         const auto& agent = *p.agent;
-        SessionObservation o;
-        o.id = sessionIdentity(std::nullopt, agent.cwd, agent.pid);
-        o.provider = HarnessProvider::codex;
-        o.pid = agent.pid;
-        o.cwd = agent.cwd;
-        o.repoName = agent.worktree.repoName;
-        o.isWorktree = agent.worktree.isWorktree;
-        o.worktreeName = agent.worktree.worktreeName;
-        o.projectName = ClaudeSessionSource::projectName(agent.cwd, o.repoName);
-        o.gitBranch = agent.gitBranch;
-        o.host = agent.host;
-        o.cpu = agent.cpu;
+        SessionObservation o = DirectorySessions::observation(agent, HarnessProvider::codex, std::nullopt);
         scrivet::TranscriptInfo info;
         info.lastModified = info.lastEntryDate = info.created = p.start;
         o.info = info;

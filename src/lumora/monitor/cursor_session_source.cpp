@@ -6,6 +6,7 @@
 #include "lumora/hooks/cursor_waiting.hpp"
 #include "lumora/monitor/agent_process_finder.hpp"
 #include "lumora/monitor/claude_session_source.hpp"
+#include "lumora/monitor/directory_sessions.hpp"
 #include "lumora/monitor/worktree_resolver.hpp"
 
 namespace lumora {
@@ -205,19 +206,9 @@ std::vector<SessionObservation> CursorSessionSource::observe(const ScanContext& 
             auto s = readSession(c->transcript, *cwd, now);
             if (!s) continue;
             SessionObservation o;
-            o.id = s->sessionId;
-            o.provider = HarnessProvider::cursor;
             auto proc = processOf.find(s->sessionId);
             if (proc != processOf.end()) {
-                const auto& agent = *proc->second->agent;
-                o.pid = agent.pid;
-                o.cwd = agent.cwd;
-                o.repoName = agent.worktree.repoName;
-                o.isWorktree = agent.worktree.isWorktree;
-                o.worktreeName = agent.worktree.worktreeName;
-                o.gitBranch = agent.gitBranch;
-                o.host = agent.host;
-                o.cpu = agent.cpu;
+                o = DirectorySessions::observation(*proc->second->agent, HarnessProvider::cursor, s->sessionId);
             } else {
                 o.cwd = *cwd;
                 auto repo = repos.find(*cwd);
@@ -231,6 +222,8 @@ std::vector<SessionObservation> CursorSessionSource::observe(const ScanContext& 
                 o.gitBranch = repo->second.second;
                 o.host = AgentHost{AgentHost::Kind::ide, "Cursor", std::nullopt};
             }
+            o.id = s->sessionId;
+            o.provider = HarnessProvider::cursor;
             o.projectName = ClaudeSessionSource::projectName(o.cwd, o.repoName);
             auto& info = s->info;
 
@@ -283,18 +276,7 @@ std::vector<SessionObservation> CursorSessionSource::observe(const ScanContext& 
         const auto& agent = *p.agent;
         if (std::error_code rootEc; fs::is_directory(options_.projectsRoot, rootEc))
             watch_.push_back({options_.projectsRoot / Reader::encodedDirName(agent.cwd) / "agent-transcripts", Kind::folder});
-        SessionObservation o;
-        o.id = sessionIdentity(std::nullopt, agent.cwd, agent.pid);
-        o.provider = HarnessProvider::cursor;
-        o.pid = agent.pid;
-        o.cwd = agent.cwd;
-        o.repoName = agent.worktree.repoName;
-        o.isWorktree = agent.worktree.isWorktree;
-        o.worktreeName = agent.worktree.worktreeName;
-        o.projectName = ClaudeSessionSource::projectName(agent.cwd, o.repoName);
-        o.gitBranch = agent.gitBranch;
-        o.host = agent.host;
-        o.cpu = agent.cpu;
+        SessionObservation o = DirectorySessions::observation(agent, HarnessProvider::cursor, std::nullopt);
         scrivet::TranscriptInfo info;
         info.lastModified = info.lastEntryDate = info.created = p.start;
         o.info = info;

@@ -30,7 +30,8 @@ std::map<std::string, std::vector<const DiscoveredAgent*>> processesByDirectory(
     return out;
 }
 
-SessionObservation observation(const DiscoveredAgent& agent, HarnessProvider provider, const std::string& sessionId) {
+SessionObservation observation(const DiscoveredAgent& agent, HarnessProvider provider,
+                               const std::optional<std::string>& sessionId) {
     SessionObservation o;
     o.id = sessionIdentity(sessionId, agent.cwd, agent.pid);
     o.provider = provider;

@@ -23,8 +23,10 @@ std::map<std::string, std::vector<const DiscoveredAgent*>> processesByDirectory(
                                                                               HarnessProvider provider);
 
 // The observation of a session paired with its process: identity, process,
-// project, repository, branch and host.
-SessionObservation observation(const DiscoveredAgent& agent, HarnessProvider provider, const std::string& sessionId);
+// project, repository, branch and host. Without a session id the process
+// stands for itself (a row keyed by its folder and pid).
+SessionObservation observation(const DiscoveredAgent& agent, HarnessProvider provider,
+                               const std::optional<std::string>& sessionId);
 
 // Pairs sessions (newest first, each with its directory) with the processes
 // of their directories: the i-th newest session of a directory goes with its

@@ -136,6 +136,7 @@ int runTerminalView(ViewBackend& backend, const TerminalViewOptions& options) {
             ::raise(SIGSTOP);
             // Continued (SIGCONT).
             if (options.onResume) options.onResume();
+            loop.runOnce();  // what the suspension released lands before the first frame
             shown = Frame{};
             clearok(curscr, TRUE);
             changed = dirty = true;

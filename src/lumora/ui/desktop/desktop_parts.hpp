@@ -89,6 +89,7 @@ protected:
     void paintEvent(QPaintEvent*) override;
     void resizeEvent(QResizeEvent*) override;
     void mousePressEvent(QMouseEvent*) override;
+    void mouseReleaseEvent(QMouseEvent*) override;
 
 private:
     // Lays the row out at `width` (the text blocks, and the buttons when
@@ -199,6 +200,8 @@ public:
     const std::vector<ApprovalChoice>& choices(const std::string& id) const;
 
     void choose(const std::string& id, ApprovalChoice::Kind kind);
+    // Brings the session's terminal, pane or app to the front (a click on its row).
+    void open(const std::string& id);
     void panelOpened();
     void panelClosed(bool redraw = true);
     void showSettings();

@@ -317,6 +317,15 @@ void Front::choose(const std::string& id, ApprovalChoice::Kind kind) {
     refresh();
 }
 
+void Front::open(const std::string& id) {
+    auto it = std::find_if(model_.instances.begin(), model_.instances.end(),
+                           [&](const AgentInstance& a) { return a.id == id; });
+    if (it == model_.instances.end()) return;
+    backend_.sawRow(id);
+    // Where it landed (or why it could not) is in the log; the window coming forward is the answer.
+    backend_.jump(*it, [](std::vector<std::string>) {});
+}
+
 void Front::panelOpened() {
     if (openPanels_++ == 0) {
         Date now = std::chrono::system_clock::now();

@@ -239,6 +239,12 @@ void RowWidget::resizeEvent(QResizeEvent*) { place(width(), true); }
 
 void RowWidget::mousePressEvent(QMouseEvent* e) { e->accept(); }
 
+void RowWidget::mouseReleaseEvent(QMouseEvent* e) {
+    e->accept();
+    // A click on the row (not on one of its buttons, which take their own) jumps to the session.
+    if (e->button() == Qt::LeftButton && rect().contains(e->position().toPoint())) front_.open(id_);
+}
+
 void RowWidget::paintEvent(QPaintEvent*) {
     const Palette& pal = front_.palette();
     const ViewModel& m = front_.model();
