@@ -117,7 +117,7 @@ TEST(FrontProtocol, AStateLineReadsBackAsWrittenAndCarriesTheScanFields) {
     EXPECT_EQ(json["spend"]["todayTokens"], 1200000);
 
     // Not a state line: nothing, whatever it holds.
-    for (std::string bad : {"", "garbage", "{}", R"({"v":2,"sessions":[]})", R"({"v":1,"sessions":{}})", "[1,2]",
+    for (std::string bad : std::vector<std::string>{"", "garbage", "{}", R"({"v":2,"sessions":[]})", R"({"v":1,"sessions":{}})", "[1,2]",
                             std::string(100, '['), R"({"v":1,"sessions":[1,"x",{"id":5},{"id":""}]})"}) {
         auto decoded = FrontProtocol::decodeState(bad);
         EXPECT_TRUE(!decoded || decoded->sessions.empty()) << bad;

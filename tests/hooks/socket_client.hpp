@@ -47,7 +47,7 @@ public:
 
     // Everything the server sent until it closed the connection; nothing when
     // it neither answered nor closed within `timeout`.
-    std::optional<std::string> readUntilClosed(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    std::optional<std::string> readUntilClosed(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         std::string out;
         auto deadline = std::chrono::steady_clock::now() + timeout;
         for (;;) {
@@ -85,7 +85,7 @@ inline bool sendLine(const std::filesystem::path& socket, const std::string& lin
 
 // Polls `condition` until it holds or `timeout` passes.
 inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         if (condition()) return true;

@@ -14,13 +14,13 @@
 #include "lumora/platform/process_table.hpp"
 #include "monitor/child_process.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
+#include "hooks/socket_client.hpp"
 #include "support/test_support.hpp"
 
 namespace lumora::test {
 
 using Json = nlohmann::json;
 using namespace std::chrono_literals;
-
 
 inline const std::string kSession = "8d3f2a10-4b5c-4d6e-8f70-112233445566";
 
@@ -96,15 +96,6 @@ struct App {
     }
 };
 
-inline bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(20ms);
-    }
-    return condition();
-}
-
 inline std::string behaviorOf(std::future<CommandResult>& f) {
     if (f.wait_for(30s) != std::future_status::ready) return "(no answer)";
     auto r = f.get();
@@ -113,6 +104,5 @@ inline std::string behaviorOf(std::future<CommandResult>& f) {
     if (printed.is_discarded()) return "(no decision: " + r.output + ")";
     return printed["hookSpecificOutput"]["decision"]["behavior"].get<std::string>();
 }
-
 
 }  // namespace lumora::test

@@ -429,22 +429,22 @@ int interactive(Face face) {
     }
     Paths::ensureSupportFolder();
     Log::toFile(Paths::logFile());
-    TerminalFace face;
+    TerminalFace terminal;
     // A service runs: this view is one more face of it. Else it is the service.
-    if (!face.attach()) {
+    if (!terminal.attach()) {
         if (anotherInstanceRuns()) return 1;
-        face.serve();
+        terminal.serve();
     }
     ui::TerminalViewOptions options;
     options.onQuit = [&] {
         exitAfter(ui::quitBySignal() ? kStopDeadline : kQuitDeadline, 0);  // stopping may not hang
-        face.stop();
+        terminal.stop();
     };
-    options.onSuspend = [&] { face.suspend(); };
-    options.onResume = [&] { face.resume(); };
+    options.onSuspend = [&] { terminal.suspend(); };
+    options.onResume = [&] { terminal.resume(); };
     options.settings = [] { return viewSettings(SettingsStore::shared()); };
-    int code = ui::runTerminalView(face.view(), options);
-    face.stop();
+    int code = ui::runTerminalView(terminal.view(), options);
+    terminal.stop();
     return code;
 }
 

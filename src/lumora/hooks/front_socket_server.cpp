@@ -46,6 +46,9 @@ fs::path FrontSocketServer::pathBeside(const fs::path& hookSocket) {
 FrontSocketServer::FrontSocketServer(fs::path socketPath, Handler& handler, Limits limits)
     : socketPath_(std::move(socketPath)), handler_(handler), limits_(limits) {}
 
+FrontSocketServer::FrontSocketServer(fs::path socketPath, Handler& handler)
+    : FrontSocketServer(std::move(socketPath), handler, Limits{}) {}
+
 FrontSocketServer::~FrontSocketServer() { stop(); }
 
 Status FrontSocketServer::start() {

@@ -61,7 +61,8 @@ public:
     // The face socket beside `hookSocket`: "notch.sock" -> "notch.faces.sock".
     static std::filesystem::path pathBeside(const std::filesystem::path& hookSocket);
 
-    FrontSocketServer(std::filesystem::path socketPath, Handler& handler, Limits limits = {});
+    FrontSocketServer(std::filesystem::path socketPath, Handler& handler);
+    FrontSocketServer(std::filesystem::path socketPath, Handler& handler, Limits limits);
     ~FrontSocketServer();
     FrontSocketServer(const FrontSocketServer&) = delete;
     FrontSocketServer& operator=(const FrontSocketServer&) = delete;
