@@ -79,6 +79,7 @@ FrontProtocol::State richState() {
     s.peek = PeekEvent{5, a.id, "webshop", "Run: npm test", false, HarnessProvider::claudeCode, 2, true};
     s.usageAlert = UsageAlert{3, HarnessProvider::claudeCode, "5h", "5-hour limit runs out in 1h"};
     s.hooksProblem = "Hooks not listening: why";
+    s.answeringFaces = 2;
     return s;
 }
 
@@ -101,6 +102,7 @@ TEST(FrontProtocol, AStateLineReadsBackAsWrittenAndCarriesTheScanFields) {
     EXPECT_EQ(back->usageAlert, state.usageAlert);
     EXPECT_EQ(back->hooksProblem, state.hooksProblem);
     EXPECT_EQ(back->pid, 4242);
+    EXPECT_EQ(back->answeringFaces, 2);
     ASSERT_EQ(back->quotas.size(), 1u);
     EXPECT_EQ(back->quotas[0].usage, state.quotas[0].usage);
     EXPECT_EQ(back->quotas[0].blocker, UsageBlocker::rateLimited);

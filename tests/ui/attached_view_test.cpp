@@ -49,7 +49,7 @@ TEST(AttachedView, AViewAttachedToTheServiceAnswersItsPromptAndTakesOverWhenItDi
     auto service = startService(app);
     std::string watchOut = (app.home / "watch.jsonl").string();
     auto watch = std::make_unique<ChildProcess>(
-        "/bin/sh", std::vector<std::string>{"sh", "-c", app.env + "exec " + lumoraBinary().string() + " --watch > " + watchOut},
+        "/bin/sh", std::vector<std::string>{"sh", "-c", "exec " + app.env + lumoraBinary().string() + " --watch > " + watchOut},
         app.home.path());
 
     Tmux tmux(100, 30, app.env + lumoraBinary().string());
@@ -62,6 +62,7 @@ TEST(AttachedView, AViewAttachedToTheServiceAnswersItsPromptAndTakesOverWhenItDi
     tmux.waitFor("[a] Approve");
     tmux.keys("a");
     EXPECT_EQ(behaviorOf(held), "allow");
+    tmux.waitForGone("[a] Approve");
 
     // --watch printed the state at once and follows its changes within a second.
     auto watchLines = [&] {
@@ -104,8 +105,6 @@ TEST(AttachedView, AViewAttachedToTheServiceAnswersItsPromptAndTakesOverWhenItDi
     EXPECT_EQ(behaviorOf(next), "allow");
     // --watch follows the new service.
     size_t before = watchLines().size();
-    marker.send(R"({"v":1,"source":"claude","session_id":")" + kSession +
-                R"(","action":"marker","kind":"question","tool_name":"AskUserQuestion","detail":"Which?"})" "\n");
     SocketClient again(app.socket);
     again.send(R"({"v":1,"source":"claude","session_id":")" + kSession +
                R"(","action":"marker","kind":"question","tool_name":"AskUserQuestion","detail":"Which?"})" "\n");
@@ -155,25 +154,37 @@ TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
                  R"(","gate":7,"choice":"approve"})" "\n";
     std::thread floodThread([&] { flooder.send(flood); });
 
-    // A decision for a prompt already answered changes nothing: the next one still waits for its own.
+    // A face that shows buttons: the service holds prompts once it knows of it.
     auto face = FrontConnection::connect(faces);
     ASSERT_TRUE(face);
     ASSERT_TRUE(face->send(R"({"v":1,"action":"face","answers":true})" "\n"));
+    // The newest state the face has read, and the gate it shows for the session.
+    Json state;
+    auto heldGate = [&] {
+        while (auto line = face->readLine(50ms)) state = Json::parse(*line, nullptr, false);
+        for (const auto& s : state["sessions"])
+            if (s["id"] == kSession && s["approval"].is_object() && s["approval"]["approvable"] == true)
+                return s["approval"]["gateId"].get<uint64_t>();
+        return uint64_t{0};
+    };
+    ASSERT_TRUE(eventually([&] { return heldGate() == 0 && state.value("answeringFaces", 0) == 1; }));
+    auto decide = [&](uint64_t gate, const char* choice) {
+        return R"({"v":1,"action":"decide","session":")" + kSession + R"(","gate":)" + std::to_string(gate) +
+               R"(,"choice":")" + choice + "\"}\n";
+    };
+    uint64_t first = 0;
     std::string answer = gateAnswer(app, [&] {
-        uint64_t gate = 0;
-        ASSERT_TRUE(eventually([&] {
-            while (auto line = face->readLine(100ms)) {
-                auto state = Json::parse(*line, nullptr, false);
-                for (const auto& s : state["sessions"])
-                    if (s["id"] == kSession && s["approval"].is_object() && s["approval"]["approvable"] == true)
-                        gate = s["approval"]["gateId"].get<uint64_t>();
-            }
-            return gate != 0;
-        }));
-        std::string decide = R"({"v":1,"action":"decide","session":")" + kSession + R"(","gate":)" +
-                             std::to_string(gate) + R"(,"choice":"deny"})" "\n";
-        face->send(decide);
-        face->send(decide);
+        ASSERT_TRUE(eventually([&] { return (first = heldGate()) != 0; }));
+        // The same decision twice: the prompt is answered once.
+        face->send(decide(first, "deny") + decide(first, "deny"));
+    });
+    EXPECT_EQ(answer, "{\"v\":1,\"behavior\":\"deny\"}\n");
+    // A late decision for the answered prompt does not answer the next one:
+    // commands are carried out in order, so the next prompt hears "deny".
+    answer = gateAnswer(app, [&] {
+        uint64_t second = 0;
+        ASSERT_TRUE(eventually([&] { return (second = heldGate()) != 0 && second != first; }));
+        face->send(decide(first, "approve") + decide(second, "deny"));
     });
     EXPECT_EQ(answer, "{\"v\":1,\"behavior\":\"deny\"}\n");
     floodThread.join();
@@ -182,15 +193,15 @@ TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
     auto direct = runCommand(app.env + lumoraBinary().string() + " --status-line --format tmux");
     EXPECT_EQ(direct.status, 0);
     EXPECT_NE(direct.output.find("#[fg=#"), std::string::npos) << direct.output;
-    Tmux tmux(100, 10, "sleep 60");
-    tmux.run("set -g status-interval 1");
-    tmux.run("set -g status-right " + shellQuoted("[#(" + app.env + lumoraBinary().string() + " --status-line)]"));
     std::string plain = runCommand(app.env + lumoraBinary().string() + " --status-line").output;
+    ASSERT_FALSE(plain.empty());
     plain.pop_back();
     EXPECT_FALSE(plain.empty());
-    EXPECT_TRUE(eventually([&] {
-        auto shown = tmux.run("display-message -p -t view " + shellQuoted("#{E:status-right}")).output;
-        return shown.find("[" + plain + "]") != std::string::npos;
-    }, 20s)) << tmux.run("display-message -p -t view " + shellQuoted("#{E:status-right}")).output;
+    Tmux bar(100, 10, "sleep 300");
+    bar.run("set -g status-interval 1");
+    bar.run("set -g status-right " + shellQuoted("[#(" + app.env + lumoraBinary().string() + " --status-line)]"));
+    // A status line is drawn for a client: a terminal attached to that tmux shows it.
+    Tmux terminal(100, 10, "env -u TMUX tmux -L " + bar.socketName() + " attach -t view");
+    terminal.waitFor("[" + plain + "]");
     EXPECT_EQ(HookClient::who(app.socket).pid, service->pid());
 }

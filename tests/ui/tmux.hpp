@@ -38,6 +38,8 @@ public:
     CommandResult run(const std::string& args) const {
         return runCommand("LANG=C.UTF-8 tmux -u -L " + socket_ + " " + args + " 2>&1");
     }
+    // The server's socket name (tmux -L NAME).
+    const std::string& socketName() const { return socket_; }
     void keys(const std::string& keys) const { run("send-keys -t view " + keys); }
     std::string screen(bool escapes = false) const {
         return run(std::string("capture-pane -p ") + (escapes ? "-e " : "") + "-t view").output;

@@ -1,5 +1,6 @@
 #include "lumora/app/front_protocol.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -360,6 +361,7 @@ std::string encodeState(const State& state, Date now) {
     Json out;
     out["v"] = kVersion;
     out["pid"] = state.pid;
+    out["answeringFaces"] = state.answeringFaces;
     out["sessions"] = RunCommands::scanJson(state.sessions, usage, state.plans);
     out["usage"] = std::move(usage);
     out["spend"] = state.spend ? toJson(*state.spend) : Json(nullptr);
@@ -383,6 +385,7 @@ std::optional<State> decodeState(std::string_view line) {
     const Json& j = *json;
     State s;
     s.pid = whole<int32_t>(j, "pid").value_or(0);
+    s.answeringFaces = std::max(0, whole<int32_t>(j, "answeringFaces").value_or(0));
     for (const auto& item : j["sessions"]) {
         auto a = sessionFromJson(item);
         if (!a) continue;

@@ -37,6 +37,7 @@ inline constexpr size_t kMaxStateBytes = 64 * 1024 * 1024;
 // Everything one state line carries.
 struct State {
     int32_t pid = 0;  // the service's
+    int32_t answeringFaces = 0;  // attached faces that show buttons: prompts are held while there is one
     std::vector<AgentInstance> sessions;  // in the monitor's order
     TaskPlans plans;
     std::vector<QuotaReading> quotas;
@@ -49,7 +50,7 @@ struct State {
     bool operator==(const State&) const = default;
 };
 
-// The state as one line ending in "\n": {"v":1,"pid":…,"sessions":[…],
+// The state as one line ending in "\n": {"v":1,"pid":…,"answeringFaces":…,"sessions":[…],
 // "usage":{…},"spend":…,"unseen":[…],"acknowledged":[…],"peek":…,
 // "usageAlert":…,"hooksProblem":…}. Sessions carry the `--scan --json`
 // fields. Never throws, whatever bytes the strings hold.

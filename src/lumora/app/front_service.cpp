@@ -60,6 +60,7 @@ void FrontService::stop() {
 FrontProtocol::State FrontService::state() const {
     FrontProtocol::State s;
     s.pid = static_cast<int32_t>(::getpid());
+    s.answeringFaces = static_cast<int32_t>(answering_.size());
     s.sessions = app_.monitor().instances();
     s.plans = app_.plans().plans();
     s.quotas = app_.usage().readings();
