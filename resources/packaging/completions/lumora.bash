@@ -12,6 +12,10 @@ _lumora() {
             COMPREPLY=($(compgen -W "on off" -- "$cur"))
             return
             ;;
+        --format)
+            COMPREPLY=($(compgen -W "json waybar plain tmux" -- "$cur"))
+            return
+            ;;
         --approvals-remove|--jump)
             return
             ;;
@@ -19,7 +23,7 @@ _lumora() {
     local flags="-h --help --version --paths --processes --demo --approvals --approvals-remove
         --scan --json --no-ui --transcript --hooks-enable --hooks-disable --hooks-selftest
         --hook-config-test --uninstall --dry-run --launch-at-login --desktop --terminal
-        --usage-doctor --spend --pricing-refresh --jump"
+        --usage-doctor --spend --pricing-refresh --jump --jump-next --watch --status-line --format"
     COMPREPLY=($(compgen -W "$flags" -- "$cur"))
 }
 complete -F _lumora lumora
