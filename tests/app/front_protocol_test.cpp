@@ -144,6 +144,8 @@ TEST(FrontProtocol, CommandsRoundTripAndTheWrongShapesAreRefused) {
                             R"({"v":1,"action":"decide","session":"s","gate":0,"choice":"approve"})",
                             R"({"v":1,"action":"decide","session":"s","gate":3,"choice":"maybe"})",
                             R"({"v":1,"action":"decide","gate":3,"choice":"deny"})",
+                            R"({"v":1,"action":"decide","session":"s","gate":18446744073709551615,"choice":"deny"})",
+                            R"({"v":1,"action":"decide","session":"s","gate":1e300,"choice":"deny"})",
                             R"({"v":1,"action":"saw","session":5})", R"({"v":1,"action":"explode","session":"s"})"})
         EXPECT_FALSE(FrontProtocol::parseCommand(bad)) << bad;
     EXPECT_FALSE(FrontProtocol::parseCommand(std::string(FrontProtocol::kMaxCommandBytes + 1, ' ')));

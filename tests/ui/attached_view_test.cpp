@@ -133,12 +133,43 @@ TEST(AttachedView, TwoViewsAnsweringOnePromptGiveTheAgentOneAnswer) {
     left.waitForGone("[a] Approve");
     right.waitForGone("[a] Approve");
 
-    // A view that quits takes its hold with it; with none left, prompts go straight back.
+    // The service killed under both views: exactly one becomes the service,
+    // the other attaches to it, and a prompt still gets one answer.
+    ::kill(service->pid(), SIGKILL);
+    // Each view's news, read until both have told (a news line shows for a few seconds).
+    std::string leftNews, rightNews;
+    auto told = [](const Tmux& view, std::string& news) {
+        if (!news.empty()) return true;
+        std::string shown = view.screen();
+        for (const char* text : {"this view is the service now", "The Lumora service restarted"})
+            if (shown.find(text) != std::string::npos) news = text;
+        return !news.empty();
+    };
+    EXPECT_TRUE(eventually([&] { return told(left, leftNews) & told(right, rightNews); }, 30s))
+        << left.screen() << right.screen();
+    EXPECT_NE(leftNews, rightNews) << "exactly one view becomes the service";
+    ASSERT_TRUE(eventually([&] {
+        auto who = HookClient::who(app.socket);
+        return who.kind == HookClient::Who::Kind::lumora && who.pid != service->pid();
+    }));
+    left.waitForGone("[a] Approve");
+    right.waitForGone("[a] Approve");
+    answer = gateAnswer(app, [&] {
+        left.waitFor("[a] Approve");
+        right.waitFor("[a] Approve");
+        std::thread a([&] { left.keys("a"); });
+        std::thread d([&] { right.keys("d"); });
+        a.join();
+        d.join();
+    });
+    EXPECT_TRUE(answer == "{\"v\":1,\"behavior\":\"allow\"}\n" || answer == "{\"v\":1,\"behavior\":\"deny\"}\n") << answer;
+    left.waitForGone("[a] Approve");
+    right.waitForGone("[a] Approve");
+
     left.keys("q");
     right.keys("q");
     left.waitFor("exit status 0");
     right.waitFor("exit status 0");
-    EXPECT_EQ(gateAnswer(app, [] {}), "{\"v\":1,\"behavior\":\"passthrough\"}\n");
 }
 
 TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
@@ -188,6 +219,9 @@ TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
     });
     EXPECT_EQ(answer, "{\"v\":1,\"behavior\":\"deny\"}\n");
     floodThread.join();
+    // The face goes, and its hold with it: with none left, prompts go straight back.
+    face.reset();
+    EXPECT_EQ(gateAnswer(app, [] {}), "{\"v\":1,\"behavior\":\"passthrough\"}\n");
 
     // The status line asks the service, alone and inside tmux's status line.
     auto direct = runCommand(app.env + lumoraBinary().string() + " --status-line --format tmux");

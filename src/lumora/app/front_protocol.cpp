@@ -52,8 +52,9 @@ template <typename T>
 std::optional<T> whole(const Json& o, const char* key) {
     auto d = number(o, key);
     if (!d) return std::nullopt;
+    // The upper bound is 2^digits, exact as a double (the type's max rounds up to it).
     if (*d < static_cast<double>(std::numeric_limits<T>::lowest()) ||
-        *d > static_cast<double>(std::numeric_limits<T>::max()))
+        *d >= std::ldexp(1.0, std::numeric_limits<T>::digits))
         return std::nullopt;
     return static_cast<T>(*d);
 }

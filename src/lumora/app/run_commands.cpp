@@ -344,8 +344,12 @@ public:
     }
 
     // Becomes the service: the monitor, the hook socket and the face socket.
-    Status serve() {
-        app_ = std::make_unique<LumoraApp>();
+    // With `onlyIfFree` it starts nothing unless the hook socket is its own.
+    Status serve(bool onlyIfFree = false) {
+        auto app = std::make_unique<LumoraApp>();
+        if (onlyIfFree)
+            if (Status s = app->bridge().start(); !s) return s;
+        app_ = std::move(app);
         backend_ = std::make_unique<AppBackend>(*app_);
         // A socket it cannot serve shows in the view's status line ("Hooks not listening: ...").
         Status status = app_->start(true);
@@ -385,16 +389,11 @@ private:
         for (int attempt = 0; attempt < 30; ++attempt) {
             if (HookClient::who(Paths::socketPath(), std::chrono::milliseconds(200)).kind !=
                 HookClient::Who::Kind::lumora) {
-                if (serve()) {
+                if (serve(true)) {
                     view_.tell("The Lumora service stopped: this view is the service now");
                     return;
                 }
                 // Another view took over first: attach to it.
-                faces_.reset();
-                view_.use(nullptr);
-                backend_.reset();
-                app_->stop();
-                app_.reset();
             }
             if (attach(std::chrono::milliseconds(200))) {
                 view_.tell("The Lumora service restarted (pid " + std::to_string(attached_->servicePid()) + ")");

@@ -19,7 +19,10 @@ ClaudeMonitor::ClaudeMonitor(Dependencies deps)
 ClaudeMonitor::~ClaudeMonitor() {
     *alive_ = false;
     stop();
-    queue_.reset();  // finishes a scan in flight before the sources go
+    // A scan in flight finishes before the sources go, while queue_ still
+    // points at its queue (it asks queue_ whether it runs there).
+    queue_->sync([] {});
+    queue_.reset();
     if (deps_.files) deps_.files->unsubscribe(watchId_);
 }
 
