@@ -4,6 +4,7 @@
 // the service killed under its views.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <fstream>
 
@@ -238,4 +239,52 @@ TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
     Tmux terminal(100, 10, "env -u TMUX tmux -L " + bar.socketName() + " attach -t view");
     terminal.waitFor("[" + plain + "]");
     EXPECT_EQ(HookClient::who(app.socket).pid, service->pid());
+}
+
+TEST(AttachedView, WithoutAServiceTheFacesLookForThemselvesAndJumpNextAsksTheService) {
+    App app;
+    std::string lumora = app.env + lumoraBinary().string();
+    // --status-line scans once, serving nothing.
+    auto once = runCommand(lumora + " --status-line");
+    EXPECT_EQ(once.status, 0);
+    EXPECT_TRUE(once.output == "!1\n" || once.output == "?1\n" || once.output == "*1\n" || once.output == "·1\n")
+        << once.output;
+    EXPECT_FALSE(fs::exists(app.socket));
+
+    // --watch runs a monitor of its own, read-only: waybar's JSON at once, and it ends on SIGINT.
+    std::string out = (app.home / "waybar.jsonl").string();
+    ChildProcess watch("/bin/sh", {"sh", "-c", "exec " + lumora + " --watch --format waybar > " + out}, app.home.path());
+    Json bar;
+    ASSERT_TRUE(eventually([&] {
+        std::ifstream in(out);
+        std::string first;
+        if (!std::getline(in, first)) return false;
+        bar = Json::parse(first, nullptr, false);
+        return true;
+    }));
+    EXPECT_TRUE(bar["text"].is_string() && bar["tooltip"].is_string()) << bar;
+    EXPECT_NE(bar["tooltip"].get<std::string>().find("webshop"), std::string::npos) << bar;
+    EXPECT_EQ(bar["class"], bar["alt"]);
+    EXPECT_FALSE(fs::exists(app.socket));
+    ::kill(watch.pid(), SIGINT);
+    int status = -1;
+    EXPECT_TRUE(eventually([&] { return ::waitpid(watch.pid(), &status, WNOHANG) == watch.pid(); }));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+
+    // With a service, --jump-next takes the session that needs you from it and has it jump there.
+    auto service = startService(app);
+    EXPECT_EQ(runCommand(lumora + " --jump-next").output.find("jumped to"), std::string::npos);
+    SocketClient marker(app.socket);
+    marker.send(R"({"v":1,"source":"claude","session_id":")" + kSession +
+                R"(","action":"marker","kind":"question","tool_name":"AskUserQuestion","detail":"Which database?"})" "\n");
+    ASSERT_TRUE(eventually([&] { return runCommand(lumora + " --status-line").output == "!1\n"; }));
+    auto jumped = runCommand(lumora + " --jump-next 2>&1");
+    EXPECT_EQ(jumped.status, 0) << jumped.output;
+    EXPECT_NE(jumped.output.find("jumped to webshop"), std::string::npos) << jumped.output;
+    EXPECT_EQ(HookClient::who(app.socket).pid, service->pid());
+
+    // Misuse: one line and a non-zero exit.
+    auto misuse = runCommand(lumora + " --format waybar 2>&1");
+    EXPECT_NE(misuse.status, 0);
+    EXPECT_EQ(misuse.output, "lumora: --format goes with --watch or --status-line\n");
 }

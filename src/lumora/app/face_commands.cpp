@@ -81,6 +81,8 @@ void watchInProcess(Printer& printer) {
     bool posted = false;
     auto printNow = [&] {
         posted = false;
+        // Nothing before the first scan: an empty list would read as "no sessions".
+        if (app.monitor().publishCount() == 0) return;
         FrontProtocol::State s;
         s.sessions = app.monitor().instances();
         s.plans = app.plans().plans();

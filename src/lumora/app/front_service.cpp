@@ -84,7 +84,12 @@ void FrontService::scheduleBroadcast() {
     });
 }
 
-void FrontService::broadcastNow() { server_.broadcast(FrontProtocol::encodeState(state(), std::chrono::system_clock::now())); }
+void FrontService::broadcastNow() {
+    // Nothing before the first scan: a face that connects meanwhile waits for it
+    // rather than read "no sessions".
+    if (app_.monitor().publishCount() == 0) return;
+    server_.broadcast(FrontProtocol::encodeState(state(), std::chrono::system_clock::now()));
+}
 
 void FrontService::onLines(FrontSocketServer::ClientId client, std::vector<std::string> lines, std::function<void()> done) {
     // On the socket's thread: everything happens on the main loop.
