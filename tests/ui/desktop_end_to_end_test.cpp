@@ -220,7 +220,7 @@ TEST(DesktopEndToEnd, HoverOpensThePanelAndAClickAnswersTheHook) {
     Box row = desk.widget("row-" + kSession);
     desk.x.xdotool("mousemove " + std::to_string(row.x + 20) + " " + std::to_string(row.y + 12) + " click 1");
     EXPECT_TRUE(eventually([&] {
-        for (const auto& e : fs::recursive_directory_iterator(desk.home))
+        for (const auto& e : fs::recursive_directory_iterator(desk.home.path()))
             if (e.path().filename() == "lumora.log" && readFile(e.path()).find("jump: ") != std::string::npos)
                 return true;
         return false;
