@@ -27,6 +27,7 @@ class QVBoxLayout;
 namespace lumora::ui::desktop {
 
 class Front;
+class QuotaStrip;
 
 // The colours one look draws with.
 struct Palette {
