@@ -82,7 +82,9 @@ void expectTrusted(const std::string& step, bool ours = true) {
     Json hooks = Json::parse(test::readFile(CodexHooks::hooksPath()));
     std::string config = test::readFile(CodexHooks::configPath());
     for (const auto& h : Trust::handlers(hooks, CodexHooks::trustKeyPath(), "notch-codex-hook")) {
-        if (!h.ours || ours) EXPECT_EQ(Trust::storedHash(config, h.key), h.hash) << step << ": " << h.key;
+        if (!h.ours || ours) {
+            EXPECT_EQ(Trust::storedHash(config, h.key), h.hash) << step << ": " << h.key;
+        }
     }
 }
 
@@ -404,7 +406,9 @@ TEST(CodexHooks, TheFeatureFlagGoesWhereverTheUserKeepsFeatures) {
                 EXPECT_EQ(text[at - 1], '\r') << text;
             }
         }
-        if (c.config.find("hooks = true\nweb") != std::string::npos) EXPECT_EQ(text.find("managed by Lumora"), std::string::npos);
+        if (c.config.find("hooks = true\nweb") != std::string::npos) {
+            EXPECT_EQ(text.find("managed by Lumora"), std::string::npos);
+        }
         ASSERT_TRUE(CodexHooks::uninstall());
         EXPECT_EQ(test::readFile(CodexHooks::configPath()), c.config);
         EXPECT_FALSE(fs::exists(CodexHooks::hooksPath()));  // we created it, so it goes
@@ -638,7 +642,9 @@ TEST(Uninstaller, DryRunTouchesNothingAndTheRealRunRemovesEverything) {
     for (const auto& [path, text] : after) {
         if (fs::is_directory(path)) continue;
         EXPECT_EQ(expected.count(path), 1u) << "left behind: " << path;
-        if (expected.count(path)) EXPECT_EQ(text, expected[path]);
+        if (expected.count(path)) {
+            EXPECT_EQ(text, expected[path]);
+        }
     }
     EXPECT_FALSE(fs::exists(Paths::defaultsFile().parent_path()));
     EXPECT_FALSE(fs::exists(Paths::supportFolder()));

@@ -292,6 +292,25 @@ TEST(DesktopEndToEnd, ASmallScreenAHugeCommandAndTheDisplayGoingAway) {
     EXPECT_TRUE(desk.pill->wait(10s).has_value());
 }
 
+TEST(DesktopEndToEnd, TheOpenPanelCarriesTheQuotaStripUnderItsRows) {
+    std::string why;
+    if (skipWithoutDesktop(why)) GTEST_SKIP() << why;
+    Desk desk(1280, 900);
+    ASSERT_TRUE(desk.x.ok());
+    desk.start({"--desktop", "--demo"});  // scripted sessions, plans, quota windows and spend
+    Box pill;
+    ASSERT_TRUE(eventually([&] { return !(pill = desk.widget("pill")).empty(); }));
+    desk.x.xdotool("mousemove " + std::to_string(pill.cx()) + " " + std::to_string(pill.cy()));
+    ASSERT_TRUE(eventually([&] { return desk.shows("panel") && desk.shows("quota-strip"); }));
+    Box panel = desk.widget("panel"), strip = desk.widget("quota-strip");
+    // Under the rows, inside the panel, one line per provider with readings.
+    EXPECT_GT(strip.y, panel.y + 100);
+    EXPECT_LE(strip.y + strip.height, panel.y + panel.height);
+    EXPECT_GE(strip.height, 3 * 18);
+    desk.screenshot("open-with-quotas", {panel.x - 40, 0, panel.width + 80, panel.height + 40});
+    EXPECT_EQ(desk.pill->kill(SIGTERM), 0);
+}
+
 TEST(DesktopFace, ForcingAFaceThatCannotShowSaysSoInOneLine) {
     TempHome home;
     std::string bin = lumoraBinary().string();

@@ -487,19 +487,6 @@ Line quotaLine(const QuotaReading& r, const ViewModel& m, int labelWidth, int wi
     return head;
 }
 
-std::vector<Line> quotaStrip(const ViewModel& m, int width, int maxLines) {
-    std::vector<Line> out;
-    int labelWidth = 0;
-    for (const auto& r : m.quotas) labelWidth = std::max(labelWidth, displayWidth(sanitize(r.label())));
-    labelWidth = std::min(labelWidth, 20);
-    for (const auto& r : m.quotas) {
-        if (static_cast<int>(out.size()) >= maxLines) break;
-        if (r.usage.windows.empty()) continue;
-        out.push_back(quotaLine(r, m, labelWidth, width));
-    }
-    return out;
-}
-
 Line headerLine(const ViewModel& m, const std::vector<AgentInstance>& rows, int width) {
     Line l;
     l.add(" lumora ", role(Role::title, true)).add(" ");
@@ -655,6 +642,19 @@ Line centred(const std::string& text, int width, Style style) {
 }
 
 }  // namespace
+
+std::vector<Line> quotaStrip(const ViewModel& m, int width, int maxLines) {
+    std::vector<Line> out;
+    int labelWidth = 0;
+    for (const auto& r : m.quotas) labelWidth = std::max(labelWidth, displayWidth(sanitize(r.label())));
+    labelWidth = std::min(labelWidth, 20);
+    for (const auto& r : m.quotas) {
+        if (static_cast<int>(out.size()) >= maxLines) break;
+        if (r.usage.windows.empty()) continue;
+        out.push_back(quotaLine(r, m, labelWidth, width));
+    }
+    return out;
+}
 
 std::string ageText(Date lastActivity, Date now) {
     auto secs = std::chrono::duration_cast<std::chrono::seconds>(now - lastActivity).count();

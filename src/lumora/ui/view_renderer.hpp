@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "lumora/ui/frame.hpp"
 #include "lumora/ui/view_state.hpp"
@@ -29,6 +30,9 @@ std::string contextText(const AgentInstance& a, int cells);
 // A quota window's gauge: `cells` blocks filled by what is left ("███░░").
 std::string quotaGauge(double percentLeft, int cells);
 inline constexpr int kQuotaGaugeCells = 5;
+// The quota strip: one line per provider that has readings, each fitted to
+// `width` columns, at most `maxLines` of them.
+std::vector<Line> quotaStrip(const ViewModel& model, int width, int maxLines);
 // What an approval asks for on one line, every character shown: "Bash: git status && npm test".
 std::string approvalLine(const ApprovalRequest& request);
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "lumora/ui/desktop/desktop_view.hpp"
+#include "lumora/ui/frame.hpp"
 
 class QLabel;
 class QPushButton;
@@ -26,6 +27,7 @@ class QVBoxLayout;
 namespace lumora::ui::desktop {
 
 class Front;
+class QuotaStrip;
 
 // The colours one look draws with.
 struct Palette {
@@ -98,6 +100,8 @@ private:
     void rebuildButtons();
     void describe();
     bool compact() const;
+    // The session's task plan when the row shows one.
+    const TaskPlan* plan() const;
 
     Front& front_;
     AgentInstance a_;
@@ -158,12 +162,31 @@ private:
     QLabel* problem_ = nullptr;
     QPushButton* gear_ = nullptr;
     QScrollArea* scroll_ = nullptr;
+    QuotaStrip* quotas_ = nullptr;
     QWidget* list_ = nullptr;
     QWidget* empty_ = nullptr;
     QLabel* emptyTitle_ = nullptr;
     QLabel* emptySubtitle_ = nullptr;
     std::map<std::string, RowWidget*> rows_;
     std::vector<std::string> order_;
+};
+
+// The panel's strip under the list: what is left of each plan-usage window,
+// its reset and its pace — the lines the terminal view shows, in the panel's
+// colours.
+class QuotaStrip : public QWidget {
+public:
+    QuotaStrip(Front& front, QWidget* parent);
+    // Reads the model again for `width` pixels; returns the height it needs
+    // (0 when there is nothing to show).
+    int sync(int width);
+
+protected:
+    void paintEvent(QPaintEvent*) override;
+
+private:
+    Front& front_;
+    std::vector<Line> lines_;
 };
 
 // The small settings window the gear opens.

@@ -112,7 +112,7 @@ bool gSweepQueued = false;
 
 bool traced(const QString& name) {
     static const char* prefixes[] = {"pill", "panel", "row-", "approve-", "deny-", "session-", "always-",
-                                     "option-", "settings", "setting-", "display-"};
+                                     "option-", "settings", "setting-", "display-", "quota-strip"};
     for (const char* p : prefixes) {
         if (name.startsWith(QLatin1String(p))) return true;
     }

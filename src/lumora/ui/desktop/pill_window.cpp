@@ -155,6 +155,10 @@ PillWindow::PillWindow(Front& front, QScreen* screen) : front_(front), screen_(s
     empty_->setFixedHeight(96);
     outer->addWidget(empty_);
 
+    quotas_ = new QuotaStrip(front_, panel_);
+    quotas_->hide();
+    outer->addWidget(quotas_);
+
     auto* footer = new QHBoxLayout;
     footer->setContentsMargins(18, 0, 12, 0);
     problem_ = new QLabel(panel_);
@@ -199,7 +203,9 @@ void PillWindow::refresh() {
 void PillWindow::rebuildRows() {
     auto rows = front_.rows();
     const ViewModel& m = front_.model();
-    sessions_->setText(QString::fromStdString(AgentDisplay::sessionsLabel(m.instances, rows)));
+    std::string label = AgentDisplay::sessionsLabel(m.instances, rows);
+    if (m.spend && m.spend->todayTokens > 0) label += "  ·  " + ViewRenderer::spendText(*m.spend);
+    sessions_->setText(QString::fromStdString(label));
     problem_->setText(m.problem ? QString::fromStdString(sanitize(*m.problem)) : QString());
     problem_->setStyleSheet(QString("color:%1;").arg(statusColour(AgentStatus::waiting).name()));
     if (auto copy = AgentDisplay::emptyCopy(m.instances, rows)) {
@@ -261,7 +267,10 @@ QSize PillWindow::panelSize() {
         if (n++ < limit) listH = total;
     }
     list_->setFixedSize(inner, std::max(total, 1));
-    int maxList = std::max(80, avail.height() - 24 - kHeaderHeight - kFooterHeight);
+    int strip = quotas_->sync(width);
+    quotas_->setFixedHeight(strip);
+    quotas_->setVisible(strip > 0);
+    int maxList = std::max(80, avail.height() - 24 - kHeaderHeight - kFooterHeight - strip);
     bool scrolls = total > std::min(listH, maxList);
     listH = std::min(listH, maxList);
     if (scrolls) list_->setFixedWidth(inner - 10);
@@ -279,7 +288,7 @@ QSize PillWindow::panelSize() {
         list_->setFixedHeight(std::max(y, 1));
     }
     scroll_->setFixedHeight(order_.empty() ? 0 : listH);
-    int height = kHeaderHeight + kFooterHeight + (order_.empty() ? empty_->height() : listH) + 10;
+    int height = kHeaderHeight + kFooterHeight + (order_.empty() ? empty_->height() : listH) + strip + 10;
     return QSize(width, height);
 }
 

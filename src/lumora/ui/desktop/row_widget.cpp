@@ -73,7 +73,23 @@ const char* namePrefix(ApprovalChoice::Kind k) {
 // Text wrapped anywhere (a command has no spaces to wait for), whole.
 constexpr int kWrapAnywhere = Qt::TextWrapAnywhere | Qt::AlignLeft | Qt::AlignTop;
 
+// The step a plan's line names: the one under way, else the next one to do.
+QString planStep(const TaskPlan& plan) {
+    if (const auto* active = plan.activeItem()) return q(active->activeForm.value_or(active->subject));
+    for (const auto& item : plan.items) {
+        if (item.status == TaskPlanItem::Status::pending) return "Next: " + q(item.subject);
+    }
+    return "All done";
+}
+
 }  // namespace
+
+const TaskPlan* RowWidget::plan() const {
+    if (compact()) return nullptr;
+    const auto& plans = front_.model().plans;
+    auto it = plans.find(id_);
+    return it != plans.end() && !it->second.empty() ? &it->second : nullptr;
+}
 
 RowWidget::RowWidget(Front& front, const AgentInstance& instance, QWidget* parent)
     : QWidget(parent), front_(front), a_(instance), id_(instance.id) {
@@ -100,8 +116,19 @@ void RowWidget::describe() {
     QString agent = QString::fromStdString(std::string(scrivet::displayName(a_.provider)));
     setAccessibleName(project + (branch.isEmpty() ? QString() : " · " + branch) + ", " + status + ", " + agent);
     QString about = aboutText(a_);
-    setToolTip(project + (branch.isEmpty() ? QString() : " · " + branch) + "\n" + q(a_.cwd) +
-               (about.isEmpty() ? QString() : "\n" + about.left(300)));
+    QString tip = project + (branch.isEmpty() ? QString() : " · " + branch) + "\n" + q(a_.cwd) +
+                  (about.isEmpty() ? QString() : "\n" + about.left(300));
+    if (const TaskPlan* p = plan()) {
+        // The whole plan, step by step, where the row has room for one line of it.
+        tip += "\n\nPlan " + QString::fromStdString(p->badge());
+        for (const auto& item : p->items) {
+            const char* mark = item.status == TaskPlanItem::Status::completed    ? "✓ "
+                               : item.status == TaskPlanItem::Status::inProgress ? "▸ "
+                                                                                 : "○ ";
+            tip += "\n" + QString(mark) + q(item.subject).left(200);
+        }
+    }
+    setToolTip(tip);
 }
 
 bool RowWidget::compact() const {
@@ -173,6 +200,7 @@ int RowWidget::place(int width, bool move) {
     y += kLine;  // project, branch, age
     y += kLine;  // status, agent, model, context
     if (!aboutText(a_).isEmpty() || a_.subagentCount > 0) y += kLine;
+    if (plan()) y += kLine;
 
     QFontMetrics mono(monoFont());
     QFontMetrics body(bodyFont(12));
@@ -363,6 +391,25 @@ void RowWidget::paintEvent(QPaintEvent*) {
             p.setPen(pal.muted);
             p.drawText(QRect(width() - kMargin - subW, y, subW, kLine), Qt::AlignRight | Qt::AlignVCenter, sub);
         }
+        y += kLine;
+    }
+
+    // Line four: the task plan, its progress and the step under way.
+    if (const TaskPlan* plan = this->plan()) {
+        x = kMargin + 18;
+        QColor hue = plan->hasActive() ? statusColour(AgentStatus::working) : pal.muted;
+        put("☰ " + QString::fromStdString(plan->badge()), hue, plan->hasActive());
+        QRectF track(x + 8, y + kLine / 2.0 - 2, 48, 4);
+        p.setPen(Qt::NoPen);
+        p.setBrush(pal.hairline);
+        p.drawRoundedRect(track, 2, 2);
+        if (plan->doneCount() > 0) {
+            p.setBrush(hue);
+            double part = double(plan->doneCount()) / std::max(1, plan->totalCount());
+            p.drawRoundedRect(QRectF(track.x(), track.y(), std::max(4.0, part * track.width()), track.height()), 2, 2);
+        }
+        x = int(track.right()) + 10;
+        put(planStep(*plan), plan->hasActive() ? pal.text : pal.muted);
     }
 
     if (!command_.isNull()) {
