@@ -31,6 +31,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             check(FrontProtocol::parseCommand(again) == command);
         }
         (void)FrontProtocol::parseJumpReply(line);
+        if (auto decided = FrontProtocol::parseDecidedReply(line)) {
+            std::string again = FrontProtocol::decidedReply(*decided);
+            again.pop_back();
+            check(FrontProtocol::parseDecidedReply(again) == decided);
+        }
         if (nl == std::string_view::npos) break;
         start = nl + 1;
     }

@@ -155,6 +155,9 @@ TEST(FrontProtocol, CommandsRoundTripAndTheWrongShapesAreRefused) {
     EXPECT_EQ(reply->ref, 12);
     EXPECT_EQ(reply->lines, std::vector<std::string>{"tmux: switched to pane %3"});
     EXPECT_FALSE(FrontProtocol::parseJumpReply(FrontProtocol::encodeState({}, at(0))));
+    FrontProtocol::DecidedReply decided{"s-1", 9, false};
+    EXPECT_EQ(FrontProtocol::parseDecidedReply(FrontProtocol::decidedReply(decided)), decided);
+    EXPECT_FALSE(FrontProtocol::parseDecidedReply(FrontProtocol::jumpReply(12, {})));
 }
 
 TEST(FaceCommands, StatusBarsShowTheTabWorstFirst) {

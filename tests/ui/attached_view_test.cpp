@@ -190,10 +190,16 @@ TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
     auto face = FrontConnection::connect(faces);
     ASSERT_TRUE(face);
     ASSERT_TRUE(face->send(R"({"v":1,"action":"face","answers":true})" "\n"));
-    // The newest state the face has read, and the gate it shows for the session.
+    // The newest state the face has read, and the gate it shows for the session;
+    // the service's replies to its decisions.
     Json state;
+    std::vector<Json> replies;
     auto heldGate = [&] {
-        while (auto line = face->readLine(50ms)) state = Json::parse(*line, nullptr, false);
+        while (auto line = face->readLine(50ms)) {
+            auto json = Json::parse(*line, nullptr, false);
+            if (json.contains("sessions")) state = json;
+            if (json.contains("decided")) replies.push_back(json);
+        }
         for (const auto& s : state["sessions"])
             if (s["id"] == kSession && s["approval"].is_object() && s["approval"]["approvable"] == true)
                 return s["approval"]["gateId"].get<uint64_t>();
@@ -211,6 +217,11 @@ TEST(AttachedView, BadFacesNeverHoldUpTheServiceAndTheStatusLineReadsIt) {
         face->send(decide(first, "deny") + decide(first, "deny"));
     });
     EXPECT_EQ(answer, "{\"v\":1,\"behavior\":\"deny\"}\n");
+    // The face hears which of its decisions reached the agent.
+    ASSERT_TRUE(eventually([&] { return heldGate() == 0 && replies.size() == 2; }));
+    EXPECT_EQ(replies[0]["taken"], true);
+    EXPECT_EQ(replies[1]["taken"], false);
+    EXPECT_EQ(replies[1]["decided"], first);
     // A late decision for the answered prompt does not answer the next one:
     // commands are carried out in order, so the next prompt hears "deny".
     answer = gateAnswer(app, [&] {

@@ -18,6 +18,13 @@ void AttachedBackend::start(std::function<void()> onLost) {
     // Lines are decoded on the reader's thread; only the result hops to the loop.
     connection_->start(
         [this, alive](std::string line) {
+            if (auto decided = FrontProtocol::parseDecidedReply(line)) {
+                if (decided->taken) return;
+                loop_.post([this, alive] {
+                    if (alive.lock() && onNews_) onNews_("That prompt was already answered elsewhere");
+                });
+                return;
+            }
             if (auto reply = FrontProtocol::parseJumpReply(line)) {
                 loop_.post([this, alive, reply = std::move(*reply)]() mutable {
                     if (!alive.lock()) return;

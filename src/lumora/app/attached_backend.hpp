@@ -25,6 +25,8 @@ public:
 
     // Starts reading. `onLost` runs on the loop, once, when the service goes.
     void start(std::function<void()> onLost);
+    // What the view should say on its news line (a decision that came too late), on the loop.
+    void setOnNews(std::function<void(std::string)> onNews) { onNews_ = std::move(onNews); }
     // Tells the service whether this face shows buttons now (it holds
     // prompts for such faces). A view says yes; a suspended one, no.
     void setAnswers(bool answers);
@@ -56,6 +58,7 @@ private:
     RunLoop& loop_;
     std::function<void()> onChange_;
     std::function<void()> onLost_;
+    std::function<void(std::string)> onNews_;
     std::map<int64_t, JumpDone> jumps_;  // by ref, until the service answers
     int64_t nextRef_ = 1;
     bool lost_ = false;

@@ -492,4 +492,17 @@ std::optional<JumpReply> parseJumpReply(std::string_view line) {
     return JumpReply{*ref, texts(*json, "lines")};
 }
 
+std::string decidedReply(const DecidedReply& reply) {
+    Json j = {{"v", kVersion}, {"decided", reply.gate}, {"session", reply.session}, {"taken", reply.taken}};
+    return JsonText::dump(j) + "\n";
+}
+
+std::optional<DecidedReply> parseDecidedReply(std::string_view line) {
+    auto json = parseObject(line, kMaxCommandBytes);
+    if (!json) return std::nullopt;
+    auto gate = whole<uint64_t>(*json, "decided");
+    if (!gate) return std::nullopt;
+    return DecidedReply{text(*json, "session"), *gate, flag(*json, "taken")};
+}
+
 }  // namespace lumora::FrontProtocol

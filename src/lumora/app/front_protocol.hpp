@@ -101,6 +101,18 @@ struct JumpReply {
 };
 std::optional<JumpReply> parseJumpReply(std::string_view line);
 
+// The service's answer to a decision, to the face that sent it:
+// {"v":1,"decided":gate,"session":…,"taken":bool}; `taken` is false when the
+// prompt was no longer shown (answered elsewhere first, or ended).
+struct DecidedReply {
+    std::string session;
+    uint64_t gate = 0;
+    bool taken = false;
+    bool operator==(const DecidedReply&) const = default;
+};
+std::string decidedReply(const DecidedReply& reply);
+std::optional<DecidedReply> parseDecidedReply(std::string_view line);
+
 std::string_view choiceName(ApprovalChoice::Kind kind);
 
 }  // namespace lumora::FrontProtocol

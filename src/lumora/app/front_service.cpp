@@ -13,6 +13,11 @@ bool decideShown(LumoraApp& app, const std::string& sessionId, uint64_t gateId, 
     for (const auto& a : app.monitor().instances()) {
         if (a.id != sessionId) continue;
         if (!a.approval || !a.approval->approvable || a.approval->gateId != gateId) return false;
+        // The published row may still show a prompt another face has just
+        // answered: only a gate the bridge holds now is answered (or widened).
+        auto held = app.bridge().snapshot(std::chrono::system_clock::now()).gates;
+        auto gate = held.find(sessionId);
+        if (gate == held.end() || gate->second.id != gateId) return false;
         ApprovalVerdict verdict = kind == ApprovalChoice::Kind::deny ? ApprovalVerdict::deny : ApprovalVerdict::allow;
         std::optional<DecisionScopeConfirmation> scope;
         if (kind == ApprovalChoice::Kind::allowSession) scope = DecisionScopeConfirmation::session;
@@ -122,10 +127,13 @@ void FrontService::handle(FrontSocketServer::ClientId client, const FrontProtoco
             if (changed) updateFaces();
             break;
         }
-        case Kind::decide:
-            if (!decideShown(app_, command.session, command.gate, command.choice))
+        case Kind::decide: {
+            bool taken = decideShown(app_, command.session, command.gate, command.choice);
+            if (!taken)
                 spdlog::debug("faces: a decision for a prompt no longer shown (gate {}) changed nothing", command.gate);
+            server_.sendTo(client, FrontProtocol::decidedReply({command.session, command.gate, taken}));
             break;
+        }
         case Kind::saw:
             for (const auto& a : app_.monitor().instances()) {
                 if (a.id != command.session) continue;

@@ -53,8 +53,8 @@ private:
 
 // The decision a face asked for, carried out on the prompt the app itself
 // shows for `sessionId` with number `gateId` (never one a face describes):
-// nothing happens when no such prompt is shown any more. Returns whether a
-// prompt was found.
+// nothing happens when no such prompt is shown or held any more. Returns
+// whether the prompt was still held, so the decision reached its agent.
 bool decideShown(LumoraApp& app, const std::string& sessionId, uint64_t gateId, ApprovalChoice::Kind kind);
 
 }  // namespace lumora

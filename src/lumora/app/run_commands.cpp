@@ -336,6 +336,7 @@ public:
         auto state = first ? FrontProtocol::decodeState(*first) : std::nullopt;
         if (!state) return false;
         attached_ = std::make_unique<AttachedBackend>(std::move(connection), std::move(*state), RunLoop::main());
+        attached_->setOnNews([this](std::string text) { view_.tell(std::move(text)); });
         attached_->start([this] { RunLoop::main().post([this] { serviceLost(); }); });
         attached_->setAnswers(!suspended_);
         spdlog::info("attached to the Lumora service (pid {})", attached_->servicePid());
