@@ -158,7 +158,7 @@ TEST(FrontSocketServer, FloodsWaitInTheirOwnSocketAndLongLinesDropTheirFace) {
 
     // At the limit a new face is closed at once; the ones there stay.
     SocketClient two(s.server->socketPath()), three(s.server->socketPath());
-    ASSERT_TRUE(s.recorder.waitFor([&](Recorder&) { return s.server->clientCount() == 3; }));
+    ASSERT_TRUE(eventually([&] { return s.server->clientCount() == 3; }));
     SocketClient four(s.server->socketPath());
     EXPECT_TRUE(four.readUntilClosed(5s));
     EXPECT_EQ(s.server->clientCount(), 3u);
