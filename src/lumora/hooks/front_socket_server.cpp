@@ -253,7 +253,8 @@ void FrontSocketServer::loop() {
 }
 
 void FrontSocketServer::acceptAll() {
-    for (;;) {
+    // A bounded batch, so a flood of connections never keeps the loop from a stop.
+    for (int accepted = 0; accepted < 64; ++accepted) {
         int fd = ::accept(listenFd_, nullptr, nullptr);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
