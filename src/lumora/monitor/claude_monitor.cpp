@@ -19,7 +19,10 @@ ClaudeMonitor::ClaudeMonitor(Dependencies deps)
 ClaudeMonitor::~ClaudeMonitor() {
     *alive_ = false;
     stop();
-    queue_.reset();  // finishes a scan in flight before the sources go
+    // A scan in flight finishes before the sources go, while it can still see
+    // its queue (reset() empties the pointer before the queue's destructor runs).
+    queue_->sync([] {});
+    queue_.reset();
     if (deps_.files) deps_.files->unsubscribe(watchId_);
 }
 
