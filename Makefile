@@ -38,7 +38,7 @@ build/tsan/build.ninja:
 
 test-tsan: bootstrap build/tsan/build.ninja
 	cmake --build build/tsan -j $(JOBS) --target lumora $(addsuffix _tests,$(TSAN_AREAS))
-	cd build/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+	cd build/tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/tests/tsan.supp" \
 		ctest --output-on-failure -j $(JOBS) -L '^($(subst $(eval) ,|,$(TSAN_AREAS)))$$'
 
 build/bench/build.ninja:

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <mutex>
+
 #include "lumora/app/run_commands.hpp"
 #include "lumora/app/usage_command.hpp"
 #include "lumora/usage/usage_snapshot_cache.hpp"
@@ -24,9 +26,12 @@ TEST(UsageCommand, TheDoctorPrintsLoginsAndOneLinePerProviderAndStoresAGoodReadi
     TempHome home;
     writeFile(home / ".claude/.credentials.json",
               R"({"claudeAiOauth": {"accessToken": "tok", "subscriptionType": "max", "rateLimitTier": "default_claude_max_20x"}})");
+    // What the server answers; set here between runs, read on the server's thread.
+    std::mutex answerLock;
     int status = 200;
     std::optional<std::string> retryAfter;
     TestHttpServer server([&](const TestHttpServer::Request&) {
+        std::lock_guard lock(answerLock);
         TestHttpServer::Reply r;
         r.status = status;
         if (retryAfter) r.headers.push_back({"Retry-After", *retryAfter});
@@ -71,14 +76,20 @@ TEST(UsageCommand, TheDoctorPrintsLoginsAndOneLinePerProviderAndStoresAGoodReadi
     EXPECT_EQ(json[1]["id"], "x");
 
     // Rate limited: says so with the wait, never "offline"; a server error shows its status.
-    status = 429;
-    retryAfter = "600";
+    {
+        std::lock_guard lock(answerLock);
+        status = 429;
+        retryAfter = "600";
+    }
     auto limited = runCommand(env(home, server.url()) + bin + " --usage-doctor");
     EXPECT_NE(limited.output.find("Claude Code: Claude Code is rate-limiting usage checks — retrying on its own (HTTP 429); "
                                   "next check in 10 min\n"),
               std::string::npos) << limited.output;
     EXPECT_EQ(limited.output.find("offline"), std::string::npos);
-    status = 500;
+    {
+        std::lock_guard lock(answerLock);
+        status = 500;
+    }
     auto failed = runCommand(env(home, server.url()) + bin + " --usage-doctor");
     EXPECT_NE(failed.output.find("(HTTP 500)"), std::string::npos) << failed.output;
 

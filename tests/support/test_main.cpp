@@ -24,6 +24,8 @@ public:
         ::setenv("XDG_CONFIG_HOME", (home / ".config").c_str(), 1);
         ::setenv("XDG_CACHE_HOME", (home / ".cache").c_str(), 1);
         ::setenv("XDG_STATE_HOME", (home / ".local/state").c_str(), 1);
+        // Price lists come from loopback, where nothing answers: no test reaches the network.
+        ::setenv("LUMORA_PRICING_BASE", "http://127.0.0.1:9", 1);
         ::unsetenv("LUMORA_SOCKET");
         ::unsetenv("LUMORA_DEBUG_LOG");
         ::unsetenv("CLAUDE_CONFIG_DIR");

@@ -26,11 +26,12 @@ using Steady = std::chrono::steady_clock;
 
 namespace {
 
+// Connections taken in one turn of the loop before it looks at the others again.
+constexpr int kAcceptsPerRound = 256;
+
 constexpr size_t kReadChunk = 8192;
 // Reads per connection per round, so one chatty client cannot starve the rest.
 constexpr int kReadsPerTurn = 16;
-// Connections accepted in one turn of the loop; the rest wait in the listen queue.
-constexpr int kAcceptsPerTurn = 64;
 
 bool setNonBlocking(int fd) {
     int flags = ::fcntl(fd, F_GETFL, 0);
@@ -217,9 +218,9 @@ void HookSocketServer::loop() {
 }
 
 void HookSocketServer::acceptAll() {
-    // A bounded batch: clients that connect as fast as they are served must
-    // not keep the loop from the rest of its work (a stop among it).
-    for (int accepted = 0; accepted < kAcceptsPerTurn; ++accepted) {
+    // A bounded round: clients connecting faster than they are served must
+    // not keep the loop from its other connections, its timers or a stop.
+    for (int round = 0; round < kAcceptsPerRound && !stopRequested_.load(); ++round) {
         int fd = ::accept(listenFd_, nullptr, nullptr);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;

@@ -32,6 +32,19 @@ std::pair<std::optional<FileStamp>, std::optional<FileStamp>> databaseStamp(cons
     return {FileStamp::of(db), FileStamp::of(wal)};
 }
 
+// What a read of the database is remembered by. A writer's frames reach the
+// write-ahead log a moment before its index makes them visible, so a read
+// made while the files have just changed may not see the last commit: such a
+// read is remembered by no stamp, and the next poll reads again.
+std::pair<std::optional<FileStamp>, std::optional<FileStamp>> settledStamp(
+    const std::pair<std::optional<FileStamp>, std::optional<FileStamp>>& st) {
+    auto recent = std::chrono::system_clock::now() - std::chrono::seconds(1);
+    for (const auto* s : {&st.first, &st.second}) {
+        if (*s && (*s)->modified() > recent) return {};
+    }
+    return st;
+}
+
 std::optional<TaskPlan> nonEmpty(std::optional<TaskPlan> p) {
     if (p && p->empty()) return std::nullopt;
     return p;
@@ -194,7 +207,7 @@ void TaskPlanPoller::pollCodexGoals() {
     // goals it gave before and is tried again on the next poll.
     if (auto found = CodexPlanSource::goals(paths_.codexGoals, ids)) {
         goals_ = TaskPlans(found->begin(), found->end());
-        goalsStamp_ = st;
+        goalsStamp_ = settledStamp(st);
     }
 }
 
@@ -223,7 +236,7 @@ void TaskPlanPoller::pollOpenCode() {
         next[id] = OpenCodePlanSource::plan(*todos);
     }
     openCode_ = std::move(next);
-    openCodeStamp_ = st;
+    openCodeStamp_ = settledStamp(st);
 }
 
 std::optional<TaskPlan> TaskPlanPoller::planOf(const Tracked& t) const {
@@ -289,7 +302,8 @@ TaskPlanStore::TaskPlanStore(TaskPlanPaths paths, RunLoop& loop, std::chrono::mi
 TaskPlanStore::~TaskPlanStore() {
     *alive_ = false;
     if (timer_) loop_.cancelTimer(*timer_);
-    queue_.reset();  // finishes a poll in flight; what it posts finds the store gone
+    queue_->sync([] {});  // finishes a poll in flight; what it posts finds the store gone
+    queue_.reset();
 }
 
 bool TaskPlanStore::acceptsId(HarnessProvider provider, const std::string& id) {

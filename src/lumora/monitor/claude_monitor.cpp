@@ -19,8 +19,8 @@ ClaudeMonitor::ClaudeMonitor(Dependencies deps)
 ClaudeMonitor::~ClaudeMonitor() {
     *alive_ = false;
     stop();
-    // A scan in flight finishes before the sources go, while queue_ still
-    // points at its queue (it asks queue_ whether it runs there).
+    // A scan in flight finishes before the sources go, while it can still see
+    // its queue (reset() empties the pointer before the queue's destructor runs).
     queue_->sync([] {});
     queue_.reset();
     if (deps_.files) deps_.files->unsubscribe(watchId_);

@@ -172,7 +172,9 @@ SDKHostMemory::SDKHostMemory(DefaultsStore& store) : store_(store) { load(); }
 void SDKHostMemory::load() {
     auto stored = store_.dictionary(kDefaultsKey);
     if (!stored) return;
-    for (const auto& [id, v] : stored->items()) {
+    for (const auto& item : stored->items()) {
+        const auto& id = item.key();
+        const auto& v = item.value();
         if (!v.is_object()) continue;
         // A hand-edited file may hold anything: every field is checked before it is read.
         auto text = [&](const char* key) -> std::optional<std::string> {

@@ -98,6 +98,10 @@ SpendService::~SpendService() {
     stop();
     cancelled_ = true;
     alive_->store(false);
+    // A price fetch in flight may still queue a scan: it ends (it sees the
+    // cancel) while the scan queue is there to take it.
+    pricingQueue_.sync([] {});
+    queue_.sync([] {});
 }
 
 void SpendService::start(std::chrono::steady_clock::duration interval) {

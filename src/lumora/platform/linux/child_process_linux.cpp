@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,10 +21,22 @@ namespace {
 class LinuxChild : public ChildProcess {
 public:
     LinuxChild(pid_t pid, int in, int out, std::string input) : pid_(pid) {
-        writer_ = std::thread([in, input = std::move(input)] {
+        // Once the child is gone, its pipes may still be held open by someone
+        // else: a daemon it started, or a server it handed its descriptors to
+        // that never takes them. The stop pipe tells the threads to finish
+        // with what is there rather than wait for an end that never comes.
+        if (::pipe2(stop_, O_CLOEXEC | O_NONBLOCK) != 0) stop_[0] = stop_[1] = -1;
+        int stop = stop_[0];
+        writer_ = std::thread([in, stop, input = std::move(input)] {
             const char* p = input.data();
             size_t left = input.size();
             while (left > 0) {
+                pollfd fds[2] = {{in, POLLOUT, 0}, {stop, POLLIN, 0}};
+                if (::poll(fds, stop >= 0 ? 2 : 1, -1) < 0) {
+                    if (errno == EINTR) continue;
+                    break;
+                }
+                if (fds[1].revents) break;
                 ssize_t n = ::write(in, p, left);
                 if (n < 0 && errno == EINTR) continue;
                 if (n <= 0) break;
@@ -32,9 +45,22 @@ public:
             }
             ::close(in);
         });
-        reader_ = std::thread([this, out] {
+        reader_ = std::thread([this, out, stop] {
             char buf[4096];
+            bool stopping = false;
             for (;;) {
+                if (!stopping) {
+                    pollfd fds[2] = {{out, POLLIN, 0}, {stop, POLLIN, 0}};
+                    if (::poll(fds, stop >= 0 ? 2 : 1, -1) < 0) {
+                        if (errno == EINTR) continue;
+                        break;
+                    }
+                    if (fds[1].revents) {
+                        // Take what is already written, then stop.
+                        stopping = true;
+                        ::fcntl(out, F_SETFL, ::fcntl(out, F_GETFL) | O_NONBLOCK);
+                    }
+                }
                 ssize_t n = ::read(out, buf, sizeof buf);
                 if (n < 0 && errno == EINTR) continue;
                 if (n <= 0) break;
@@ -87,9 +113,18 @@ public:
     }
 
 private:
+    // Called once the child is reaped: its own output has all been written.
     void join() {
+        if (stop_[1] >= 0) {
+            char c = 1;
+            (void)!::write(stop_[1], &c, 1);
+        }
         if (writer_.joinable()) writer_.join();
         if (reader_.joinable()) reader_.join();
+        for (int& fd : stop_) {
+            if (fd >= 0) ::close(fd);
+            fd = -1;
+        }
     }
 
     pid_t pid_;
@@ -98,6 +133,7 @@ private:
     mutable std::mutex mutex_;
     std::string output_;
     std::thread writer_, reader_;
+    int stop_[2] = {-1, -1};
 };
 
 }  // namespace
