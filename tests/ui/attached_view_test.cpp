@@ -60,7 +60,7 @@ TEST(AttachedView, AViewAttachedToTheServiceAnswersItsPromptAndTakesOverWhenItDi
 
     // The real hook program, held: the attached view shows it, `a` answers it.
     auto held = app.permission("npm test");
-    tmux.waitFor("[a] Approve");
+    tmux.selectFirstUntil("[a] Approve");
     tmux.keys("a");
     EXPECT_EQ(behaviorOf(held), "allow");
     tmux.waitForGone("[a] Approve");
@@ -101,7 +101,7 @@ TEST(AttachedView, AViewAttachedToTheServiceAnswersItsPromptAndTakesOverWhenItDi
         return who.kind == HookClient::Who::Kind::lumora && who.pid != service->pid();
     }));
     auto next = app.permission("npm test");
-    tmux.waitFor("[a] Approve");
+    tmux.selectFirstUntil("[a] Approve");
     tmux.keys("a");
     EXPECT_EQ(behaviorOf(next), "allow");
     // --watch follows the new service.
@@ -122,8 +122,8 @@ TEST(AttachedView, TwoViewsAnsweringOnePromptGiveTheAgentOneAnswer) {
     left.waitFor("webshop");
     right.waitFor("webshop");
     std::string answer = gateAnswer(app, [&] {
-        left.waitFor("[a] Approve");
-        right.waitFor("[a] Approve");
+        left.selectFirstUntil("[a] Approve");
+        right.selectFirstUntil("[a] Approve");
         std::thread a([&] { left.keys("a"); });
         std::thread d([&] { right.keys("d"); });
         a.join();
@@ -156,8 +156,8 @@ TEST(AttachedView, TwoViewsAnsweringOnePromptGiveTheAgentOneAnswer) {
     left.waitForGone("[a] Approve");
     right.waitForGone("[a] Approve");
     answer = gateAnswer(app, [&] {
-        left.waitFor("[a] Approve");
-        right.waitFor("[a] Approve");
+        left.selectFirstUntil("[a] Approve");
+        right.selectFirstUntil("[a] Approve");
         std::thread a([&] { left.keys("a"); });
         std::thread d([&] { right.keys("d"); });
         a.join();

@@ -56,6 +56,21 @@ public:
         ADD_FAILURE() << "the screen never showed \"" << text << "\":\n" << s;
         return s;
     }
+    // Other programs' `claude` processes may share the list and hold the
+    // selection: selects the first row (the one that needs you sorts first)
+    // until the screen shows `text`, its buttons; returns the screen.
+    std::string selectFirstUntil(const std::string& text, std::chrono::milliseconds timeout = 20s) const {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        std::string s;
+        while (std::chrono::steady_clock::now() < deadline) {
+            keys("g");
+            std::this_thread::sleep_for(100ms);
+            s = screen();
+            if (s.find(text) != std::string::npos) return s;
+        }
+        ADD_FAILURE() << "the screen never showed \"" << text << "\":\n" << s;
+        return s;
+    }
     // Waits until the screen no longer shows `text`.
     void waitForGone(const std::string& text, std::chrono::milliseconds timeout = 20s) const {
         auto deadline = std::chrono::steady_clock::now() + timeout;
