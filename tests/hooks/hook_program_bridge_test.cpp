@@ -27,7 +27,7 @@ using Json = nlohmann::ordered_json;
 namespace {
 
 Json sample(const std::string& agent, const std::string& scenario, const std::string& event) {
-    std::ifstream in(test::samplesDir() / agent / "hook-inputs.jsonl");
+    std::ifstream in(test::agentSample(agent + "/hook-inputs.jsonl"));
     std::string line;
     while (std::getline(in, line)) {
         Json j = Json::parse(line);

@@ -76,7 +76,7 @@ protected:
     // The sample inputs of one agent: (scenario, event) → input.
     static std::vector<std::tuple<std::string, std::string, Json>> samples(const std::string& agent) {
         std::vector<std::tuple<std::string, std::string, Json>> out;
-        std::ifstream in(test::samplesDir() / agent / "hook-inputs.jsonl");
+        std::ifstream in(test::agentSample(agent + "/hook-inputs.jsonl"));
         std::string line;
         while (std::getline(in, line)) {
             Json j = Json::parse(line);

@@ -52,7 +52,7 @@ process.exit(0);
 
 // The events of one scenario of the recorded OpenCode session.
 std::vector<Json> scenarioEvents(const std::string& scenario) {
-    std::ifstream in(test::samplesDir() / "opencode/plugin.jsonl");
+    std::ifstream in(test::agentSample("opencode/plugin.jsonl"));
     std::string line, current;
     std::vector<Json> events;
     while (std::getline(in, line)) {

@@ -30,7 +30,7 @@ ClaudeSessionIndex::Record parsed(const Json& j) { return *ClaudeSessionIndex::p
 }  // namespace
 
 TEST(ClaudeSessionIndex, ReadsTheRealFilesAndRejectsBrokenOnes) {
-    auto snapshots = Json::parse(readFile(samplesDir() / "claude/session-index-snapshots.json"));
+    auto snapshots = Json::parse(readFile(agentSample("claude/session-index-snapshots.json")));
     auto r = ClaudeSessionIndex::parse(snapshots["sessions_while_running"]["4788.json"].dump());
     ASSERT_TRUE(r);
     EXPECT_EQ(r->pid, 4788);

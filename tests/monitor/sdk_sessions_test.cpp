@@ -85,6 +85,7 @@ TEST(SDKSessionReader, FindsRecentSDKJournalsOnly) {
 
     // The real journals: interactive sessions say "cli", `claude -p` runs
     // "sdk-cli"; the one-shots of one folder collapse to the newest.
+    LUMORA_REQUIRE_SAMPLES();  // the rest reads the recorded journals
     auto real = samplesDir() / "claude/home/.claude/projects";
     EXPECT_EQ(SDKSessionReader::readHead(real / "-home-dev-proj-app/2ba08b56-cdd6-4cd6-a287-5b0a4ea9a300.jsonl")
                   ->entrypoint,

@@ -53,6 +53,7 @@ struct TaskSession {
 }  // namespace
 
 TEST(ClaudeSubagentReader, RunningSubagentsPairWithTheirLaunch) {
+    LUMORA_REQUIRE_SAMPLES();
     TaskSession s;
     // The sample's subagent is finished: nothing runs, even when just written.
     setMtime(s.agent, s.now);
@@ -135,6 +136,7 @@ TEST(ClaudeSubagentReader, ParentLaunchesAreParsedIncrementally) {
 }
 
 TEST(ClaudeSubagentReader, FreshnessFromSubagentsWorkflowsAndBackgroundOutput) {
+    LUMORA_REQUIRE_SAMPLES();
     TaskSession s;
     auto temp = s.dir / "claude-tmp";
     CTR::ReadOptions options{s.now, temp};

@@ -73,6 +73,7 @@ std::vector<std::string> activityIds(const TranscriptInfo& i) {
 }  // namespace
 
 TEST(ClaudeTranscriptReader, ReadsTheRealJournalsOfEachScenario) {
+    LUMORA_REQUIRE_SAMPLES();
     Home home;
     auto text = home.info(home.sample("text"));
     EXPECT_FALSE(text.inProgress);

@@ -143,6 +143,7 @@ TEST(TailReader, KeepsOnlyTheLastLinesAndWhatTheFilterWants) {
 }
 
 TEST(TailReader, ReadsTheRealClaudeJournals) {
+    LUMORA_REQUIRE_SAMPLES();
     auto folder = lumora::test::samplesDir() / "claude/home/.claude/projects/-home-dev-proj-app";
     int files = 0;
     for (const auto& f : std::filesystem::directory_iterator(folder)) {

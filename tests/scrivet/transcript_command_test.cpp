@@ -5,6 +5,7 @@
 using namespace lumora::test;
 
 TEST(TranscriptCommand, PrintsTheFactsOfOneJournal) {
+    LUMORA_REQUIRE_SAMPLES();
     TempHome home;
     auto sample = samplesDir() / "claude/home/.claude/projects/-home-dev-proj-app/56b4dab8-0cda-4952-abcc-acd583999d5c.jsonl";
     auto bin = lumoraBinary().string();

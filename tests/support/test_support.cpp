@@ -85,6 +85,18 @@ void setMtime(const fs::path& file, std::chrono::system_clock::time_point when) 
 }
 
 fs::path samplesDir() { return fs::path(LUMORA_SAMPLES_DIR); }
+
+bool haveSamples() {
+    std::error_code ec;
+    return fs::is_directory(samplesDir() / "claude", ec);
+}
+
+fs::path agentSample(const std::string& relative) {
+    std::error_code ec;
+    fs::path shared = samplesDir() / relative;
+    if (fs::exists(shared, ec)) return shared;
+    return fs::path(LUMORA_SOURCE_DIR) / "tests/fixtures/agents" / relative;
+}
 fs::path lumoraBinary() { return fs::path(LUMORA_BINARY); }
 
 CommandResult runCommand(const std::string& command) {

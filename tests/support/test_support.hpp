@@ -57,6 +57,23 @@ void setMtime(const fs::path& file, std::chrono::system_clock::time_point when);
 
 // The real agents' sample files beside the repository (shared/samples).
 fs::path samplesDir();
+// One of the agents' recorded files, by its path under shared/samples: the
+// shared copy when it is there, else the one kept in tests/fixtures/agents.
+fs::path agentSample(const std::string& relative);
+// Whether the shared samples are beside the repository.
+bool haveSamples();
+
+}  // namespace lumora::test
+
+// Skips the test, saying why, when the shared samples are not beside the
+// repository (the fixture tests cover the same behaviours).
+#define LUMORA_REQUIRE_SAMPLES()                                                                      \
+    do {                                                                                               \
+        if (!::lumora::test::haveSamples())                                                            \
+            GTEST_SKIP() << "shared/samples is not beside the repository; its fixture tests cover this"; \
+    } while (0)
+
+namespace lumora::test {
 // The built `lumora` executable.
 fs::path lumoraBinary();
 
