@@ -54,7 +54,7 @@ TEST(TerminalEndToEnd, ApprovingFromTheKeyboardReachesTheHook) {
     command += tail;
     auto longPrompt = app.permission(command);
 
-    screen = tmux.selectFirstUntil("[⏎] Show the whole command to approve");
+    screen = tmux.selectRowShowing("[⏎] Show the whole command to approve");
     EXPECT_EQ(screen.find("[a] Approve"), std::string::npos) << screen;
     EXPECT_EQ(screen.find("get.evil.test"), std::string::npos) << screen;
     tmux.keys("a");  // not offered yet: the prompt stays held
@@ -98,7 +98,7 @@ TEST(TerminalEndToEnd, ApprovingFromTheKeyboardReachesTheHook) {
     auto first = app.permission("git status && npm test");
     // Other programs' `claude` processes may share the list: select the row
     // that needs us (the first) before looking for its buttons.
-    screen = tmux.selectFirstUntil("[a] Approve");
+    screen = tmux.selectRowShowing("[a] Approve");
     EXPECT_NE(screen.find("Needs you"), std::string::npos) << screen;
     EXPECT_NE(screen.find("Bash: git status && npm test"), std::string::npos) << screen;
     tmux.keys("a");
@@ -134,7 +134,7 @@ TEST(TerminalEndToEnd, SuspendingTheViewHandsItsPromptsBack) {
     Tmux tmux(100, 30, app.env + lumoraBinary().string());
     tmux.waitFor("webshop");
     auto held = app.permission("npm test");
-    tmux.selectFirstUntil("[a] Approve");
+    tmux.selectRowShowing("[a] Approve");
 
     // A one-shot scan reads the running app's hook state: it agrees with the view.
     auto scan = Json::parse(runCommand(app.env + lumoraBinary().string() + " --scan --json").output, nullptr, false);
@@ -162,7 +162,7 @@ TEST(TerminalEndToEnd, SuspendingTheViewHandsItsPromptsBack) {
     // may still show the old prompt for a moment, and its [a] must not be the one pressed.
     auto next = app.permission("npm run build");
     tmux.waitFor("Bash: npm run build");
-    tmux.selectFirstUntil("[a] Approve");
+    tmux.selectRowShowing("[a] Approve");
     tmux.keys("a");
     EXPECT_EQ(behaviorOf(next), "allow");
     tmux.keys("q");

@@ -56,19 +56,20 @@ public:
         ADD_FAILURE() << "the screen never showed \"" << text << "\":\n" << s;
         return s;
     }
-    // Other programs' `claude` processes may share the list and hold the
-    // selection: selects the first row (the one that needs you sorts first)
-    // until the screen shows `text`, its buttons; returns the screen.
-    std::string selectFirstUntil(const std::string& text, std::chrono::milliseconds timeout = 20s) const {
+    // Other programs' `claude` processes (other tests' among them) may share
+    // the list, hold the selection and even sort first: walks the selection
+    // from the top row down until the screen shows `text` (a selected row's
+    // buttons); returns the screen.
+    std::string selectRowShowing(const std::string& text, std::chrono::milliseconds timeout = 20s) const {
         auto deadline = std::chrono::steady_clock::now() + timeout;
         std::string s;
-        while (std::chrono::steady_clock::now() < deadline) {
-            keys("g");
+        for (int step = 0; std::chrono::steady_clock::now() < deadline; step = (step + 1) % 6) {
+            keys(step == 0 ? "g" : "Down");
             std::this_thread::sleep_for(100ms);
             s = screen();
             if (s.find(text) != std::string::npos) return s;
         }
-        ADD_FAILURE() << "the screen never showed \"" << text << "\":\n" << s;
+        ADD_FAILURE() << "no row showed \"" << text << "\":\n" << s;
         return s;
     }
     // Waits until the screen no longer shows `text`.
