@@ -10,6 +10,7 @@
 
 using scrivet::HarnessProvider;
 namespace Topic = scrivet::SessionTopic;
+namespace fs = std::filesystem;
 
 namespace {
 

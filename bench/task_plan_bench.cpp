@@ -12,6 +12,7 @@
 
 using namespace lumora;
 using Json = nlohmann::json;
+namespace fs = std::filesystem;
 
 namespace {
 

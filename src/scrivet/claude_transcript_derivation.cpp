@@ -131,7 +131,7 @@ std::string resultText(element block) {
 bool containsFailed(std::string_view text) {
     static constexpr std::string_view kWord = "failed";
     auto it = std::search(text.begin(), text.end(), kWord.begin(), kWord.end(),
-                          [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; });
+                          [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a + ('a' - 'A') : a) == b; });
     return it != text.end();
 }
 

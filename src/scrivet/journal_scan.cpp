@@ -16,6 +16,7 @@ namespace scrivet::JournalScan {
 namespace {
 
 constexpr size_t kChunk = 1024 * 1024;  // grown only for a longer line
+constexpr size_t kMinChunk = 4096;
 // A line longer than this is no line a scan looks for (a binary file, or a
 // giant tool result): it is skipped rather than held in memory.
 constexpr size_t kMaxLine = 64 * 1024 * 1024;
@@ -56,7 +57,11 @@ std::optional<uint64_t> scan(const std::filesystem::path& file, uint64_t from,
     if (!journal) return std::nullopt;
     int fd = journal.fd();
     ::posix_fadvise(fd, static_cast<off_t>(from), 0, POSIX_FADV_SEQUENTIAL);
-    std::vector<char> buffer(kChunk + kPadding, '\0');
+    // Most scans read the few lines appended since the last one: the buffer
+    // is sized to what there is to read, up to a chunk.
+    uint64_t size = journal.size();
+    size_t first = size > from ? static_cast<size_t>(std::min<uint64_t>(kChunk, size - from)) : 0;
+    std::vector<char> buffer(std::max(first, kMinChunk) + kPadding, '\0');
     std::vector<std::pair<size_t, size_t>> hits;
     size_t have = 0;          // bytes in the buffer not yet handed on
     uint64_t offset = from;   // file offset of buffer[0]

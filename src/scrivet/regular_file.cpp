@@ -49,6 +49,8 @@ RegularFile::~RegularFile() {
 
 std::optional<std::string> RegularFile::readAt(uint64_t offset, uint64_t length) const {
     if (fd_ < 0) return std::nullopt;
+    // What the file held when opened is read, so no more is set aside for it.
+    length = std::min(length, size_ > offset ? size_ - offset : 0);
     std::string out(length, '\0');
     uint64_t done = 0;
     while (done < length) {

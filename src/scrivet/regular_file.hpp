@@ -29,8 +29,8 @@ public:
     // The size when it was opened.
     uint64_t size() const { return size_; }
 
-    // Reads up to `length` bytes from `offset` (fewer at the end of the
-    // file); nothing on a read error.
+    // Reads up to `length` bytes from `offset`, within what the file held
+    // when it was opened (fewer at its end); nothing on a read error.
     std::optional<std::string> readAt(uint64_t offset, uint64_t length) const;
 
     // The whole file when it holds at most `limit` bytes.

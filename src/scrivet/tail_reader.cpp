@@ -8,6 +8,11 @@ namespace scrivet::TailReader {
 
 namespace {
 
+// Scratch space beyond this is given back after use rather than kept for the
+// next window (a window grows to kMaxWindow only when a journal's tail holds
+// no conversation).
+constexpr size_t kKeptScratchBytes = 1u << 20;
+
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v'; }
 
 // Reads [start, start+len) into a buffer padded for simdjson.
@@ -73,7 +78,7 @@ namespace {
 
 // `text` is the window's bytes; when `midLine`, its first line is the tail of
 // a line that began before the window and is dropped.
-Window parseText(std::string text, uint64_t baseOffset, bool midLine, size_t lineLimit, const TypeFilter& keep) {
+Window parseText(std::string& text, uint64_t baseOffset, bool midLine, size_t lineLimit, const TypeFilter& keep) {
     Window window;
     window.start = baseOffset;
     if (lineLimit == 0 || text.empty()) return window;
@@ -103,7 +108,10 @@ Window parseText(std::string text, uint64_t baseOffset, bool midLine, size_t lin
         end = nl;
     }
 
-    simdjson::dom::parser scratch;
+    // The scratch parser and the window's buffer are kept per thread: a scan
+    // reads one window per changed journal, and fresh buffers each time cost
+    // more in page faults than the parse itself.
+    thread_local simdjson::dom::parser scratch;
     for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
         size_t b = it->begin, e = it->end;
         while (b < e && isBlank(text[b])) ++b;
@@ -128,13 +136,15 @@ Window parseText(std::string text, uint64_t baseOffset, bool midLine, size_t lin
         if (scratch.parse_into_document(*doc, data, e - b, false).get(owned)) continue;
         window.entries.emplace_back(std::move(doc), baseOffset + b);
     }
+    if (scratch.capacity() > kKeptScratchBytes) scratch = simdjson::dom::parser();
     return window;
 }
 
 }  // namespace
 
 Window parseWindow(std::string_view bytes, uint64_t baseOffset, size_t lineLimit, const TypeFilter& keep) {
-    return parseText(std::string(bytes), baseOffset, false, lineLimit, keep);
+    std::string text(bytes);
+    return parseText(text, baseOffset, false, lineLimit, keep);
 }
 
 Window read(const std::filesystem::path& file, size_t lineLimit, const TypeFilter& keep) {
@@ -143,19 +153,20 @@ Window read(const std::filesystem::path& file, size_t lineLimit, const TypeFilte
     if (!journal) return result;
     int fd = journal.fd();
     uint64_t size = journal.size();
+    thread_local std::string buffer;
     for (uint64_t window = kFirstWindow;; window *= 8) {
         window = std::min(window, kMaxWindow);
-        std::string buffer;
         uint64_t start = size > window ? size - window : 0;
         // The byte before the window tells whether it starts on a line
         // boundary; a partial first line is dropped.
         char before = '\n';
         if (start > 0 && ::pread(fd, &before, 1, static_cast<off_t>(start - 1)) != 1) break;
         if (!readRange(fd, start, size - start, buffer)) break;
-        result = parseText(std::move(buffer), start, before != '\n', lineLimit, keep);
+        result = parseText(buffer, start, before != '\n', lineLimit, keep);
         result.fileSize = size;
         if (result.hasConversation || start == 0 || window >= kMaxWindow) break;
     }
+    if (buffer.capacity() > kKeptScratchBytes) buffer = std::string();
     return result;
 }
 

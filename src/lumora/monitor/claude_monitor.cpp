@@ -86,6 +86,16 @@ void ClaudeMonitor::scheduleFileScan() {
     });
 }
 
+void ClaudeMonitor::spendScanBudget(RunLoop::Clock::duration cost) {
+    auto now = RunLoop::Clock::now();
+    RunLoop::Clock::duration budget = fileScanBudget_ + (now - fileScanBudgetAt_) / kFileScanSpacing;
+    budget = std::min<RunLoop::Clock::duration>(budget, kFileScanBurst) - cost;
+    fileScanBudget_ = budget;
+    fileScanBudgetAt_ = now;
+    // Overspent: the next file-driven scan waits until the budget is back to nothing owed.
+    fileScanAllowedAt_ = budget < RunLoop::Clock::duration::zero() ? now - budget * kFileScanSpacing : now;
+}
+
 std::vector<FileWatcher::Target> ClaudeMonitor::watchedPaths() const {
     std::lock_guard lock(watchedMutex_);
     return watched_;
@@ -233,7 +243,7 @@ void ClaudeMonitor::finishScan(RawScan raw, uint64_t generation) {
         return;
     }
     lowPower_ = raw.lowPower;
-    fileScanAllowedAt_ = RunLoop::Clock::now() + raw.cost * kFileScanSpacing;
+    spendScanBudget(raw.cost);
     carryOverRekeyedRows(raw);
     // Alerts compare against the previous tick, so read the memos before deriving.
     std::map<std::string, AgentStatus> previous;

@@ -97,13 +97,15 @@ public:
     // to the main loop, so it never blocks the caller.
     void refreshNow();
     // A file that session facts come from changed: asks for a scan like
-    // refreshNow(), but file-driven scans keep to a share of a processor
-    // (they start at least kFileScanSpacing times the last scan's processor
-    // time apart), so journals that grow all the time cost a bounded share
-    // of a core. Safe from any thread.
+    // refreshNow(), but file-driven scans keep to a share of a processor, so
+    // journals that grow all the time cost a bounded share of a core. The
+    // share is a budget of processor time that refills at 1/kFileScanSpacing
+    // of the time that passes, up to kFileScanBurst: a change after a quiet
+    // spell is scanned at once, a steady stream of them is paced. Safe from
+    // any thread.
     void filesChanged();
-    // How far apart file-driven scans start, in multiples of the last scan's cost.
-    static constexpr int kFileScanSpacing = 20;
+    static constexpr int kFileScanSpacing = 40;
+    static constexpr std::chrono::milliseconds kFileScanBurst{25};
     // A synchronous scan that returns the list without publishing or alerting.
     std::vector<AgentInstance> scanOnce();
 
@@ -151,6 +153,8 @@ private:
     void requestScan();
     // A file changed: scans now, or once the file-scan spacing allows.
     void scheduleFileScan();
+    // Charges a finished scan's processor time to the file-scan budget.
+    void spendScanBudget(RunLoop::Clock::duration cost);
     // Hands the watcher what the sources read; logs once why changes may go unseen.
     void updateWatches();
     void finishScan(RawScan raw, uint64_t generation);
@@ -191,6 +195,8 @@ private:
     bool fileScanWanted_ = false;
     std::optional<RunLoop::TimerId> fileScanTimer_;
     RunLoop::Clock::time_point fileScanAllowedAt_{};
+    RunLoop::Clock::duration fileScanBudget_ = kFileScanBurst;  // processor time scans may still spend
+    RunLoop::Clock::time_point fileScanBudgetAt_ = RunLoop::Clock::now();
 
     // The scan queue's own.
     FileWatcher::SubscriptionId watchId_ = 0;

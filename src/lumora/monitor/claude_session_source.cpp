@@ -27,8 +27,10 @@ std::optional<scrivet::TranscriptInfo> ClaudeSessionSource::readInfo(const std::
     if (it != infoCache_.end() && stamp && it->second.stamp == *stamp && it->second.configMtimeNs == configMtimeNs_)
         return it->second.info;
     auto info = Reader::info(file, cwd, paths_.claudeConfig, Reader::ReadOptions{now, paths_.tempFolder});
-    bool settled = info && info->subagentCount == 0 && info->pendingBackgroundAgents == 0 &&
-                   !info->recentSubagentActivity && stamp;
+    // Without subagents or background work nothing in the facts depends on
+    // the clock (recent subagent activity counts only beside pending
+    // background work), so they hold until the journal changes.
+    bool settled = info && info->subagentCount == 0 && info->pendingBackgroundAgents == 0 && stamp;
     if (settled) {
         infoCache_[file] = {*stamp, configMtimeNs_, *info};
     } else {

@@ -21,28 +21,35 @@ namespace {
 // How much of a journal's beginning is searched for its entrypoint.
 constexpr size_t kHeadBytes = 256 * 1024;
 
-// A journal's head never changes, so it is read once per file.
+// A journal's head never changes once it is written: a head read whole is
+// remembered, found or not; a file shorter than a head is read again only
+// once it has grown.
 struct HeadCache {
+    struct Seen {
+        std::optional<Head> head;
+        uint64_t size = 0;  // what the file held when read
+    };
     std::mutex mutex;
-    std::unordered_map<std::string, std::optional<Head>> heads;
+    std::unordered_map<std::string, Seen> heads;
 };
 HeadCache& headCache() {
     static HeadCache cache;
     return cache;
 }
 
-std::optional<Head> cachedHead(const fs::path& file) {
+std::optional<Head> cachedHead(const fs::path& file, uint64_t size) {
     auto& cache = headCache();
     {
         std::lock_guard lock(cache.mutex);
-        if (auto it = cache.heads.find(file.string()); it != cache.heads.end()) return it->second;
+        if (auto it = cache.heads.find(file.string()); it != cache.heads.end()) {
+            const auto& seen = it->second;
+            if (seen.head || seen.size >= kHeadBytes || seen.size == size) return seen.head;
+        }
     }
     auto head = readHead(file);
-    // A journal whose first entries are still being written is read again next time.
-    if (!head) return head;
     std::lock_guard lock(cache.mutex);
     if (cache.heads.size() > 4096) cache.heads.clear();
-    cache.heads.emplace(file.string(), head);
+    cache.heads[file.string()] = HeadCache::Seen{head, size};
     return head;
 }
 
@@ -108,7 +115,9 @@ std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::
             std::error_code statEc;
             auto mtime = it->last_write_time(statEc);
             if (statEc || now - fileTime(mtime) > maxAge) continue;
-            auto head = cachedHead(file);
+            auto size = it->file_size(statEc);
+            if (statEc) continue;
+            auto head = cachedHead(file, size);
             if (!head || !head->entrypoint.starts_with("sdk-") || !head->cwd) continue;
             if (excluding.count(file.stem().string())) continue;
             // A recently touched journal whose last turn is old is residue.

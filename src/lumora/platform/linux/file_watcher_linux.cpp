@@ -334,9 +334,11 @@ private:
                 timeout = static_cast<int>(std::max<long long>(0, left));
             }
             // While a batch settles only the wake-up is waited for: the
-            // kernel queues (and merges) what arrives meanwhile.
-            pollfd fds[2] = {{wake_, POLLIN, 0}, {fd_, static_cast<short>(due ? 0 : POLLIN), 0}};
-            int ready = ::poll(fds, 2, timeout);
+            // kernel queues (and merges) what arrives meanwhile. The inotify
+            // descriptor is left out of the poll then, since even with no
+            // events asked for, each event would wake the thread in the kernel.
+            pollfd fds[2] = {{wake_, POLLIN, 0}, {fd_, POLLIN, 0}};
+            int ready = ::poll(fds, due ? 1 : 2, timeout);
             if (ready < 0 && errno != EINTR) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(50));  // never spin
                 continue;
