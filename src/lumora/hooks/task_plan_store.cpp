@@ -357,6 +357,11 @@ void TaskPlanStore::requestPoll() {
     std::weak_ptr<std::atomic<bool>> alive = alive_;
     queue_->async([this, alive] {
         auto changed = poller_.poll();
+        // A poll that found nothing new does not wake the main loop.
+        if (!changed) {
+            pollInFlight_ = false;
+            return;
+        }
         loop_.post([this, alive, changed = std::move(changed)]() mutable {
             auto a = alive.lock();
             if (!a || !*a) return;

@@ -165,7 +165,7 @@ private:
     TaskPlans plans_;
     bool enabled_ = true;
     bool preview_ = false;
-    bool pollInFlight_ = false;
+    std::atomic<bool> pollInFlight_{false};  // set on the main loop, cleared by the poll
     std::optional<RunLoop::TimerId> timer_;
     std::function<void()> onChange_;
     std::shared_ptr<std::atomic<bool>> alive_ = std::make_shared<std::atomic<bool>>(true);
