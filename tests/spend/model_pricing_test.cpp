@@ -69,7 +69,7 @@ TEST(ModelPricing, CostFollowsTheFormula) {
 TEST(ModelPricing, PriceListsParseOrGiveNothing) {
     auto prices = PriceLists::parseModelPrices(kPrices);
     ASSERT_TRUE(prices);
-    EXPECT_EQ(prices->size(), 2u);  // the spec row and the free row are no prices
+    EXPECT_EQ(prices->size(), 2u);  // the template row and the free row are no prices
     EXPECT_DOUBLE_EQ(prices->at("claude-sonnet-5").input, 4);
     EXPECT_DOUBLE_EQ(*prices->at("claude-sonnet-5").cacheRead, 0.4);
     EXPECT_FALSE(prices->at("gpt-7-preview").cacheWrite);

@@ -25,6 +25,9 @@ using Steady = std::chrono::steady_clock;
 
 namespace {
 
+// Connections taken in one turn of the loop before it looks at the others again.
+constexpr int kAcceptsPerRound = 64;
+
 constexpr size_t kReadChunk = 8192;
 // Lines handed to the handler in one batch; the rest wait for its `done`.
 constexpr size_t kLinesPerBatch = 64;
@@ -254,7 +257,7 @@ void FrontSocketServer::loop() {
 
 void FrontSocketServer::acceptAll() {
     // A bounded batch, so a flood of connections never keeps the loop from a stop.
-    for (int accepted = 0; accepted < 64; ++accepted) {
+    for (int round = 0; round < kAcceptsPerRound && !stopRequested_.load(); ++round) {
         int fd = ::accept(listenFd_, nullptr, nullptr);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
