@@ -6,6 +6,7 @@
 
 #include "lumora/base/defaults_store.hpp"
 #include "lumora/base/json_text.hpp"
+#include "lumora/platform/file_stamp.hpp"
 #include "lumora/platform/paths.hpp"
 #include "scrivet/claude_transcript_reader.hpp"
 #include "scrivet/journal_entry.hpp"
@@ -51,10 +52,6 @@ std::optional<Head> cachedHead(const fs::path& file, uint64_t size) {
     if (cache.heads.size() > 4096) cache.heads.clear();
     cache.heads[file.string()] = HeadCache::Seen{head, size};
     return head;
-}
-
-Date fileTime(fs::file_time_type t) {
-    return std::chrono::time_point_cast<Date::duration>(std::chrono::file_clock::to_sys(t));
 }
 
 // The time of the newest "user" or "assistant" entry in the journal's tail.
@@ -112,12 +109,9 @@ std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::
         for (fs::directory_iterator it(dir->path(), dirEc); !dirEc && it != end; it.increment(dirEc)) {
             const fs::path& file = it->path();
             if (file.extension() != ".jsonl") continue;
-            std::error_code statEc;
-            auto mtime = it->last_write_time(statEc);
-            if (statEc || now - fileTime(mtime) > maxAge) continue;
-            auto size = it->file_size(statEc);
-            if (statEc) continue;
-            auto head = cachedHead(file, size);
+            auto stamp = FileStamp::of(file);  // one look for both its time and its size
+            if (!stamp || now - stamp->modified() > maxAge) continue;
+            auto head = cachedHead(file, stamp->size);
             if (!head || !head->entrypoint.starts_with("sdk-") || !head->cwd) continue;
             if (excluding.count(file.stem().string())) continue;
             // A recently touched journal whose last turn is old is residue.
@@ -129,7 +123,7 @@ std::vector<SDKSession> runningSessions(const fs::path& projectsRoot, const fs::
             s.projectName = lastComponent(s.cwd);
             s.entrypoint = head->entrypoint;
             s.transcript = file;
-            s.lastActivity = turn.value_or(fileTime(mtime));
+            s.lastActivity = turn.value_or(stamp->modified());
             auto existing = byCwd.find(s.cwd);
             if (existing != byCwd.end() && existing->second.lastActivity >= s.lastActivity) continue;
             byCwd[s.cwd] = std::move(s);
